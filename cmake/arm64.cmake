@@ -1,0 +1,5 @@
+# Debian's cross compiler and its arm64 packages (g++-aarch64-linux-gnu, qtbase5-dev:arm64).
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: MIT
+#ifndef NETWORKSWITCHWORKER_P_H
+#define NETWORKSWITCHWORKER_P_H
+
+#include "networkswitchworker.h"
+
+/** The in-memory form of switch.ini, in the order in which it is read. */
+struct Q_DECL_HIDDEN NetworkSwitchWorker::PrivateData
+{
+    bool bSwitchEnable = false;
+    QString strConnectionName;
+    QString strFirstServerIp;
+    QString strFirstServerPort;
+    bool bFirstIsAutomatically = false;
+    QString strFirstLocalIp;
+    QString strFirstLocalMask;
+    QString strFirstLocalGateWay;
+    QString strFirstPreferredDNS;
+    QString strFirstSpareDNS;
+    QString strSecondServerIp;
+    QString strSecondServerPort;
+    bool bSecondIsAutomatically = false;
+    QString strSecondLocalIp;
+    QString strSecondLocalMask;
+    QString strSecondLocalGateWay;
+    QString strSecondPreferredDNS;
+    QString strSecondSpareDNS;
+};
+
+/** One network's half of the record, and the public function that applies its addressing. */
+struct Q_DECL_HIDDEN NetworkSwitchWorker::Network
+{
+    QString PrivateData::*serverIp;
+    QString PrivateData::*serverPort;
+    bool PrivateData::*isAutomatically;
+    QString PrivateData::*localIp;
+    QString PrivateData::*localMask;
+    QString PrivateData::*localGateWay;
+    QString PrivateData::*preferredDns;
+    QString PrivateData::*spareDns;
+    void (NetworkSwitchWorker::*applyAddressing)();
+
+    static const Network first;
+    static const Network second;
+};
+
+#endif
