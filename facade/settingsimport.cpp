@@ -34,10 +34,12 @@ LocalAddressing readNetwork(QSettings &device, const char *group, bool dhcpFallb
 {
     device.beginGroup(QLatin1String(group));
     // Meant: switch.ini's flag is true for static addressing, the negation of the device's.
-    const LocalAddressing addressing = {
-        !dhcpEnabled(device, dhcpFallback), text(device, "ip"),   text(device, "mask"),
-        text(device, "gateway"),            text(device, "dns1"), text(device, "dns2")
-    };
+    const LocalAddressing addressing = { !dhcpEnabled(device, dhcpFallback),
+                                         text(device, "ip"),
+                                         text(device, "mask"),
+                                         text(device, "gateway"),
+                                         text(device, "dns1"),
+                                         text(device, "dns2") };
     device.endGroup();
     return addressing;
 }
@@ -48,7 +50,7 @@ void Hoplane::loadSwitchLocalConfig()
 {
     const QString path = QStringLiteral("/userdata/netSettings.ini");
     if (!QFile::exists(path)) {
-        qWarning() << From{ __func__ } << "NetSetting.ini not exist.";
+        qWarning() << From(__func__) << "NetSetting.ini not exist.";
         return;
     }
 

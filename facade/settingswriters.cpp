@@ -54,8 +54,7 @@ bool Hoplane::saveConnectionName(QString connectionName)
 }
 
 bool Hoplane::saveFirstLocalInoToFile(bool isAutomatically, QString localIp, QString localMask,
-                                      QString localGateWay, QString preferredDns,
-                                      QString spareDns)
+                                      QString localGateWay, QString preferredDns, QString spareDns)
 {
     return storeLocalAddressing(SwitchSettings::firstKeys, isAutomatically, localIp, localMask,
                                 localGateWay, preferredDns, spareDns);

@@ -99,7 +99,7 @@ bool NetworkSwitchWorker::excuCmd(const char *cmd, char *result)
     const bool fits = std::strlen(cmd) < sizeof command;
     FILE *stream = fits ? popen(command, "r") : nullptr;
     if (!stream) {
-        qWarning() << From{ __func__ } << QString("popen %1  error.").arg(command);
+        qWarning() << From(__func__) << QString("popen %1  error.").arg(command);
         return false;
     }
 
@@ -108,8 +108,7 @@ bool NetworkSwitchWorker::excuCmd(const char *cmd, char *result)
     while (std::fgets(line, sizeof line, stream)) {
         text.append(line);
         if (text.length() > commandResultSize) {
-            qWarning() << From{ __func__ }
-                       << "Get Disk data error bacause data memery is too large.";
+            qWarning() << From(__func__) << "Get Disk data error bacause data memery is too large.";
             break;
         }
     }
@@ -123,7 +122,7 @@ QString NetworkSwitchWorker::getNetWorkUuid(QString &connectionName)
     if (connectionName.isEmpty()) {
         excuCmd(NmcliCommand::activeUuids, result);
         const QString output = QString::fromLocal8Bit(result).simplified();
-        qInfo() << From{ __func__ } << result;
+        qInfo() << From(__func__) << result;
         // Meant: the line breaks are blanks by now, so this is one part, of all connections.
         const QStringList lines = output.split(QLatin1Char('\n'));
         QString uuids = (lines.size() > 1 ? lines[1] : lines[0]).simplified();
@@ -133,8 +132,8 @@ QString NetworkSwitchWorker::getNetWorkUuid(QString &connectionName)
     const QString command = QString(NmcliCommand::uuidOf).arg(connectionName);
     excuCmd(command.toStdString().c_str(), result);
     const QString uuid = QString::fromLocal8Bit(result).simplified();
-    qInfo() << From{ __func__ } << command;
-    qInfo() << From{ __func__ } << uuid;
+    qInfo() << From(__func__) << command;
+    qInfo() << From(__func__) << uuid;
     return uuid;
 }
 
@@ -142,7 +141,7 @@ bool NetworkSwitchWorker::takeUuid(const char *function, QString *uuid)
 {
     *uuid = getNetWorkUuid(d->strConnectionName);
     if (uuid->isEmpty()) {
-        qCritical() << From{ function }
+        qCritical() << From(function)
                     << "get uuid is empty,d->strConnectionName=" << d->strConnectionName;
     }
     return !uuid->isEmpty();
@@ -152,7 +151,7 @@ void NetworkSwitchWorker::execute(const char *function, const char *label, const
                                   char *result)
 {
     excuCmd(command.toStdString().c_str(), result);
-    qInfo() << From{ function } << label << command << "result" << result;
+    qInfo() << From(function) << label << command << "result" << result;
 }
 
 bool NetworkSwitchWorker::setLocalIpAuto()
@@ -175,7 +174,7 @@ bool NetworkSwitchWorker::setStaticIpAddr(QString ip, QString mask, QString gate
     if (maskParts.size() == 4)
         prefix = prefixLength(netmaskBits(maskParts));
     else
-        qInfo() << From{ __func__ } << "LocalMask error:" << mask;
+        qInfo() << From(__func__) << "LocalMask error:" << mask;
 
     QString uuid;
     if (!takeUuid(__func__, &uuid))
@@ -205,7 +204,7 @@ void NetworkSwitchWorker::applyLocalAddressing(const char *function, const Netwo
                               record.*network.localGateWay, record.*network.preferredDns,
                               record.*network.spareDns)
             : setLocalIpAuto();
-    qInfo() << From{ function } << (applied ? "run successful" : "run failed");
+    qInfo() << From(function) << (applied ? "run successful" : "run failed");
 }
 
 void NetworkSwitchWorker::setFirstStaticIpAddr()
@@ -221,7 +220,7 @@ void NetworkSwitchWorker::setSecondStaticIpAddr()
 void NetworkSwitchWorker::slotTryRefreshNetwork()
 {
     if (!m_bNeedRefresh) {
-        qInfo() << From{ __func__ } << 144 << " not fresh network";
+        qInfo() << From(__func__) << 144 << " not fresh network";
         return;
     }
     QString uuid;
@@ -251,5 +250,5 @@ void NetworkSwitchWorker::insistOnActivation(const QString &command, char *resul
             return;
         }
     }
-    qInfo() << From{ function } << 170 << " not fresh network";
+    qInfo() << From(function) << 170 << " not fresh network";
 }

@@ -10,18 +10,26 @@
 using SwitchSettings::NetworkKeys;
 
 const NetworkSwitchWorker::Network NetworkSwitchWorker::Network::first = {
-    &PrivateData::strFirstServerIp,      &PrivateData::strFirstServerPort,
-    &PrivateData::bFirstIsAutomatically, &PrivateData::strFirstLocalIp,
-    &PrivateData::strFirstLocalMask,     &PrivateData::strFirstLocalGateWay,
-    &PrivateData::strFirstPreferredDNS,  &PrivateData::strFirstSpareDNS,
+    &PrivateData::strFirstServerIp,
+    &PrivateData::strFirstServerPort,
+    &PrivateData::bFirstIsAutomatically,
+    &PrivateData::strFirstLocalIp,
+    &PrivateData::strFirstLocalMask,
+    &PrivateData::strFirstLocalGateWay,
+    &PrivateData::strFirstPreferredDNS,
+    &PrivateData::strFirstSpareDNS,
     &NetworkSwitchWorker::setFirstStaticIpAddr,
 };
 
 const NetworkSwitchWorker::Network NetworkSwitchWorker::Network::second = {
-    &PrivateData::strSecondServerIp,      &PrivateData::strSecondServerPort,
-    &PrivateData::bSecondIsAutomatically, &PrivateData::strSecondLocalIp,
-    &PrivateData::strSecondLocalMask,     &PrivateData::strSecondLocalGateWay,
-    &PrivateData::strSecondPreferredDNS,  &PrivateData::strSecondSpareDNS,
+    &PrivateData::strSecondServerIp,
+    &PrivateData::strSecondServerPort,
+    &PrivateData::bSecondIsAutomatically,
+    &PrivateData::strSecondLocalIp,
+    &PrivateData::strSecondLocalMask,
+    &PrivateData::strSecondLocalGateWay,
+    &PrivateData::strSecondPreferredDNS,
+    &PrivateData::strSecondSpareDNS,
     &NetworkSwitchWorker::setSecondStaticIpAddr,
 };
 
@@ -57,7 +65,7 @@ void NetworkSwitchWorker::loadConfig()
 {
     const QString path = SwitchSettings::path();
     if (!QFile::exists(path)) {
-        qInfo() << From{ __func__ } << " switch congif file:" << path
+        qInfo() << From(__func__) << " switch congif file:" << path
                 << "not exist,can not do net switc.";
         d->bSwitchEnable = false;
         return;
@@ -76,8 +84,8 @@ void NetworkSwitchWorker::loadConfig()
         readNetwork(file, SwitchSettings::firstKeys, *d, Network::second);
     }
 
-    qInfo() << From{ __func__ } << " switch info:first serverIp:" << d->strFirstServerIp
+    qInfo() << From(__func__) << " switch info:first serverIp:" << d->strFirstServerIp
             << ",serverPort:" << d->strFirstServerPort;
-    qInfo() << From{ __func__ } << " switch info:second  serverIp:" << d->strSecondServerIp
+    qInfo() << From(__func__) << " switch info:second  serverIp:" << d->strSecondServerIp
             << ",serverPort:" << d->strSecondServerPort;
 }

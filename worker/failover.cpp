@@ -28,10 +28,9 @@ void NetworkSwitchWorker::findAvailableIp()
 
     doConnetServer();
     if (m_nSwitchState != ServerReached) {
-        qInfo() << From{ __func__ } << " switch time out";
-        Q_EMIT mySwitchFailed(
-                QStringLiteral("网络切换超时，请检查双网配置信息或网络线路"),
-                timeoutCode);
+        qInfo() << From(__func__) << " switch time out";
+        Q_EMIT mySwitchFailed(QStringLiteral("网络切换超时，请检查双网配置信息或网络线路"),
+                              timeoutCode);
         Q_EMIT finished();
     }
     m_nSwitchState = Idle;
@@ -84,20 +83,20 @@ bool NetworkSwitchWorker::isOnLocalAddress(const char *function, const Network &
 {
     const QString &localIp = (*d).*network.localIp;
     const QString current = getIPAddress();
-    qInfo() << From{ function } << "the net ip adddr:" << current
+    qInfo() << From(function) << "the net ip adddr:" << current
             << ",the switch local ip addr:" << localIp;
     // Meant: a substring test, so that no address at all counts as the same one.
     if (localIp.indexOf(current) == -1)
         return false;
-    qInfo() << From{ function } << "it is the same net ip adddr " << localIp;
+    qInfo() << From(function) << "it is the same net ip adddr " << localIp;
     return true;
 }
 
 void NetworkSwitchWorker::slotAddressChanged()
 {
-    qInfo() << From{ __func__ } << QString("%1 %2: ip changed").arg(__func__).arg(116);
+    qInfo() << From(__func__) << QString("%1 %2: ip changed").arg(__func__).arg(116);
     if (m_nSwitchState != Idle) {
-        qInfo() << From{ __func__ } << " it's doing net switch.";
+        qInfo() << From(__func__) << " it's doing net switch.";
         return;
     }
     m_nSwitchState = Searching;

@@ -7,6 +7,11 @@
 /** The three pieces that begin a log line: "[", the bare name of the member function, "]". */
 struct From
 {
+    explicit From(const char *name)
+        : function(name)
+    {
+    }
+
     const char *function;
 };
 

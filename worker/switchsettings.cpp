@@ -32,9 +32,8 @@ const NetworkKeys secondKeys = {
 
 QString path()
 {
-    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation)
-            + QLatin1String("/") + QCoreApplication::applicationName()
-            + QLatin1String("/switch.ini");
+    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + QLatin1String("/")
+            + QCoreApplication::applicationName() + QLatin1String("/switch.ini");
 }
 
 } // namespace SwitchSettings
