@@ -34,12 +34,12 @@ LocalAddressing readNetwork(QSettings &device, const char *group, bool dhcpFallb
 {
     device.beginGroup(QLatin1String(group));
     // Meant: switch.ini's flag is true for static addressing, the negation of the device's.
-    const LocalAddressing addressing = { !dhcpEnabled(device, dhcpFallback),
-                                         text(device, "ip"),
-                                         text(device, "mask"),
-                                         text(device, "gateway"),
-                                         text(device, "dns1"),
-                                         text(device, "dns2") };
+    LocalAddressing addressing = { !dhcpEnabled(device, dhcpFallback),
+                                   text(device, "ip"),
+                                   text(device, "mask"),
+                                   text(device, "gateway"),
+                                   text(device, "dns1"),
+                                   text(device, "dns2") };
     device.endGroup();
     return addressing;
 }

@@ -123,7 +123,8 @@ void CAddressWatcher::listenToLinks(char *buffer)
     sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
     address.nl_groups = RTMGRP_LINK;
-    bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    // Meant: nothing of this is examined; the first read fails and ends the thread.
+    (void)bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
 
     for (;;) {
         const ssize_t received = read(fd, buffer, bufferSize);

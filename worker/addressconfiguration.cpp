@@ -131,7 +131,7 @@ QString NetworkSwitchWorker::getNetWorkUuid(QString &connectionName)
 
     const QString command = QString(NmcliCommand::uuidOf).arg(connectionName);
     excuCmd(command.toStdString().c_str(), result);
-    const QString uuid = QString::fromLocal8Bit(result).simplified();
+    QString uuid = QString::fromLocal8Bit(result).simplified();
     qInfo() << From(__func__) << command;
     qInfo() << From(__func__) << uuid;
     return uuid;

@@ -1,0 +1,177 @@
+# SPDX-License-Identifier: MIT
+"""The main job, told step by step: two servers, one cable, a real NetworkManager. Each step is
+checked; the exit status is 1 if one did not happen. See script/demo."""
+
+import argparse
+import os
+import re
+import sys
+import threading
+import time
+
+from laboratory import (CONNECTION, FIRST, PORT, SECOND, Laboratory, LaboratoryError,
+                        write_configuration)
+
+FIRST_ADDRESS = "198.51.100.2/24"
+SECOND_ADDRESSES = re.compile(r"192\.0\.2\.1[0-5][0-9]/24")
+FAILURE = "网络切换超时，请检查双网配置信息或网络线路"
+# What the library and the kernel's link notifications print beside the application's own lines.
+LIBRARY_LINE = re.compile(r"\[ \w+ \]|\d+: (up|down)\b|$")
+
+
+class StepFailed(Exception):
+    """A step of the story did not happen."""
+
+
+class Story:
+    """Prints what happens on either side, one line each, with the time since the beginning."""
+
+    def __init__(self, verbose):
+        self._begin = time.monotonic()
+        self._lock = threading.Lock()
+        self._verbose = verbose
+        self._colours = sys.stdout.isatty() and "NO_COLOR" not in os.environ
+        self.library = []
+
+    def _print(self, who, what, style=""):
+        elapsed = time.monotonic() - self._begin
+        line = f"{elapsed:7.2f} s  {who:<12} {what}"
+        if self._colours and style:
+            line = f"\x1b[{style}m{line}\x1b[0m"
+        with self._lock:
+            print(line, flush=True)
+
+    def heading(self, text):
+        with self._lock:
+            print(f"\n{text}", flush=True)
+
+    def laboratory(self, what):
+        self._print("laboratory", what)
+
+    def check(self, what):
+        self._print("checked", what, "32")
+
+    def application_line(self, line):
+        if LIBRARY_LINE.match(line):
+            self.library.append(line)
+            if self._verbose and line:
+                self._print("library log", line, "2")
+        else:
+            self._print("application", line, "1")
+
+    def address_line(self, line):
+        if match := re.search(r"inet (\S+)", line):
+            gone = line.startswith("Deleted")
+            self._print("device", f"eth0 {'loses' if gone else 'has'} the address {match[1]}")
+
+    def accept(self, name):
+        def say(line):
+            if line.startswith("accepted"):
+                self._print(f"{name} server", f"accepted a connection from {line.split()[1]}")
+        return say
+
+
+def expect(condition, what):
+    if not condition:
+        raise StepFailed(what)
+
+
+def expect_line(application, wanted, seconds):
+    line = application.wait_for(lambda text: not LIBRARY_LINE.match(text), seconds)
+    expect(line is not None, f"the application said nothing for {seconds} s, expected: {wanted}")
+    expect(line == wanted, f"the application said: {line}\n  expected: {wanted}")
+
+
+def switch_to_second(lab, story, command):
+    story.heading("1. The first server is dead, the second is alive: the switch to the second")
+    lab.start_server(SECOND, story.accept("second"))
+    story.laboratory(f"the second server accepts on {SECOND}:{PORT}, the first one is off")
+    application = lab.start_application(command, story.application_line)
+    story.laboratory("the application starts and asks for a search")
+    expect_line(application, f"use server {SECOND} port {PORT}", 40)
+    addresses = lab.addresses()
+    expect(len(addresses) == 1 and SECOND_ADDRESSES.fullmatch(addresses[0]),
+           f"eth0 has {addresses}, expected one address of the second network's DHCP server")
+    story.check(f"switched to the second server; eth0 has {addresses[0]}, by DHCP")
+    return application
+
+
+def switch_back(lab, story, application):
+    story.heading("2. The second server dies, the first comes back, the cable is pulled and plugged:"
+                  " the switch back")
+    lab.stop_server(SECOND)
+    story.laboratory("the second server is off")
+    lab.start_server(FIRST, story.accept("first"))
+    story.laboratory(f"the first server accepts on {FIRST}:{PORT}")
+    story.laboratory("the cable is pulled")
+    lab.pull_cable()
+    expect_line(application, "the link changed", 10)
+    story.laboratory("the cable is plugged in again")
+    lab.plug_cable()
+    expect_line(application, f"use server {FIRST} port {PORT}", 40)
+    expect(lab.addresses() == [FIRST_ADDRESS],
+           f"eth0 has {lab.addresses()}, expected {FIRST_ADDRESS}")
+    story.check(f"switched back to the first server; eth0 has {FIRST_ADDRESS}, as configured")
+
+
+def fail(lab, story, application):
+    story.heading("3. Both servers are dead: the failure, after 120 seconds")
+    lab.stop_server(FIRST)
+    story.laboratory("both servers are off")
+    story.laboratory("the cable is pulled")
+    lab.pull_cable()
+    expect_line(application, "the link changed", 10)
+    story.laboratory("the cable is plugged in again: the library searches, for 2 minutes")
+    begin = time.monotonic()
+    lab.plug_cable()
+    expect_line(application, f"no server: {FAILURE} (-1)", 180)
+    elapsed = time.monotonic() - begin
+    expect(elapsed >= 120, f"the failure came after {elapsed:.1f} s, before the 120 s were over")
+    story.check(f"the search failed after {elapsed:.1f} s with its text and code -1")
+
+
+def tell(lab, story, options):
+    path = write_configuration("failover", {
+        "SwitchEnable": "true", "connectionName": CONNECTION,
+        "FirstServerIp": FIRST, "FirstServerPort": PORT, "FirstIsAutomatically": "true",
+        "FirstLocalIp": FIRST_ADDRESS.split("/", maxsplit=1)[0],
+        "FirstLocalMask": "255.255.255.0", "FirstLocalGateWay": FIRST,
+        "SecondServerIp": SECOND, "SecondServerPort": PORT, "SecondIsAutomatically": "false"})
+    story.laboratory(f"up: NetworkManager, a DHCP server, two networks on one cable; {path} written")
+    lab.watch_addresses(story.address_line)
+    application = switch_to_second(lab, story, [options.application])
+    switch_back(lab, story, application)
+    if options.full:
+        fail(lab, story, application)
+    else:
+        story.heading("3. Both servers dead, the failure after 120 seconds: skipped, run"
+                      " script/demo --full for it")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--full", action="store_true")
+    parser.add_argument("--verbose", action="store_true")
+    parser.add_argument("application")
+    options = parser.parse_args()
+
+    story = Story(options.verbose)
+    story.heading(f"Hoplane's demonstration. Server 1 is {FIRST}: the device needs the static address"
+                  f" {FIRST_ADDRESS}.\nServer 2 is {SECOND}: the device gets an address by DHCP.")
+    manager_log = []
+    try:
+        with Laboratory() as lab:
+            manager_log = lab.manager.lines
+            tell(lab, story, options)
+    except (StepFailed, LaboratoryError) as failure:
+        print("\nThe library's log:", *story.library, sep="\n  ")
+        print("NetworkManager's last lines:", *manager_log[-20:], sep="\n  ")
+        print(f"\nNot as it should be: {failure}", file=sys.stderr)
+        return 1
+    print("\nEverything shown was checked. The laboratory is gone; nothing on this machine has"
+          " changed.")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
