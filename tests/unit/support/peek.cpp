@@ -18,20 +18,20 @@ struct Grant
     namespace { \
     struct Name \
     { \
-        using Pointer = Type Class::*; \
+        using Pointer = Type Class::*; /* NOLINT(bugprone-macro-parentheses): a type */ \
         friend Pointer granted(Name); \
     }; \
     template struct Grant<Name, &Class::member>; \
     }
 
-#define GRANT_CALL(Name, PointerType, member) \
+#define GRANT_CALL(Name, PointerType, pointer) \
     namespace { \
     struct Name \
     { \
         using Pointer = PointerType; \
         friend Pointer granted(Name); \
     }; \
-    template struct Grant<Name, &member>; \
+    template struct Grant<Name, pointer>; \
     }
 
 GRANT(WorkerWatcher, NetworkSwitchWorker, QSharedPointer<CAddressWatcher>, m_watcher)
@@ -47,10 +47,10 @@ GRANT(FacadeWorkerThread, Hoplane, QThread, m_workerThread)
 GRANT(WatcherRunning, CAddressWatcher, bool, bRunning)
 GRANT(WatcherAddressChanged, CAddressWatcher, bool, bAddressChanged)
 GRANT(WatcherFinishPending, CAddressWatcher, bool, bFinishPending)
-GRANT_CALL(WatcherRun, void (CAddressWatcher::*)(), CAddressWatcher::run)
+GRANT_CALL(WatcherRun, void (CAddressWatcher::*)(), &CAddressWatcher::run)
 GRANT_CALL(WorkerTimerEvent, void (NetworkSwitchWorker::*)(QTimerEvent *),
-           NetworkSwitchWorker::timerEvent)
-GRANT_CALL(ObjectReceivers, int (QObject::*)(const char *) const, QObject::receivers)
+           &NetworkSwitchWorker::timerEvent)
+GRANT_CALL(ObjectReceivers, int (QObject::*)(const char *) const, &QObject::receivers)
 
 QSharedPointer<CAddressWatcher> &Peek::watcher(NetworkSwitchWorker &worker)
 {
