@@ -4,11 +4,14 @@
 #include "peek.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QDateTime>
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QStandardPaths>
+#include <QtCore/QThread>
 
+#include <atomic>
 #include <linux/capability.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -46,6 +49,18 @@ void setFileOverride(bool allowed)
 
 } // namespace
 
+void writeSettingsFile(const QString &path, const QByteArray &content)
+{
+    // Past, so that no file that is written meanwhile has one of these times.
+    static std::atomic<int> seconds{ 1000000000 };
+    write(path, content);
+    QFile file(path);
+    if (!file.open(QIODevice::ReadWrite)
+        || !file.setFileTime(QDateTime::fromSecsSinceEpoch(++seconds),
+                             QFileDevice::FileModificationTime))
+        qFatal("cannot date %s: %s", qPrintable(path), qPrintable(file.errorString()));
+}
+
 QString SwitchIni::path()
 {
     return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + QLatin1Char('/')
@@ -56,7 +71,7 @@ void SwitchIni::setContent(const QByteArray &content)
 {
     remove();
     QDir().mkpath(QFileInfo(path()).path());
-    write(path(), content);
+    writeSettingsFile(path(), content);
 }
 
 QByteArray SwitchIni::content()
@@ -67,6 +82,33 @@ QByteArray SwitchIni::content()
 void SwitchIni::remove()
 {
     QDir(QFileInfo(path()).path()).removeRecursively();
+}
+
+SettingsTrace::SettingsTrace()
+    : m_lines(std::make_shared<QStringList>())
+{
+}
+
+void SettingsTrace::addTo(Interpose::Hooks *hooks) const
+{
+    const auto add = [lines = m_lines, thread = QThread::currentThreadId()](const QString &line) {
+        if (QThread::currentThreadId() == thread)
+            lines->append(line);
+    };
+    hooks->settingsValue = [add](const QString &key, const QVariant &defaultValue) {
+        add(QLatin1String("value ") + key
+            + (defaultValue.isValid() ? QLatin1String(" or ") + defaultValue.toString()
+                                      : QString()));
+    };
+    hooks->settingsSetValue = [add](const QString &key, const QVariant &value) {
+        add(QStringLiteral("set %1 %2 ").arg(key, QLatin1String(value.typeName()))
+            + value.toString());
+    };
+    hooks->settingsContains = [add](const QString &key) { add(QLatin1String("contains ") + key); };
+    hooks->step = [add](const QString &step) {
+        if (step.startsWith(QLatin1String("exists ")))
+            add(step);
+    };
 }
 
 FakeNetlink::FakeNetlink()

@@ -13,6 +13,12 @@
 
 #include <memory>
 
+/**
+ * Writes a whole file that QSettings is to read. Gives it a modification time that no earlier one
+ * had: QSettings keeps what it read last and tells by size and time whether to read again.
+ */
+void writeSettingsFile(const QString &path, const QByteArray &content);
+
 /** switch.ini of the test's application; each test begins with setContent() or remove(). */
 namespace SwitchIni {
 QString path();
@@ -21,6 +27,26 @@ void setContent(const QByteArray &content);
 QByteArray content();
 void remove();
 } // namespace SwitchIni
+
+/**
+ * What the thread that made it does with settings, in order, each as one line:
+ *   "exists PATH", "contains KEY",
+ *   "value KEY" (with an invalid default value), "value KEY or DEFAULT",
+ *   "set KEY TYPE VALUE"
+ */
+class SettingsTrace
+{
+public:
+    SettingsTrace();
+
+    /** Sets the hooks settingsValue, settingsSetValue, settingsContains and step. */
+    void addTo(Interpose::Hooks *hooks) const;
+
+    QStringList lines() const { return *m_lines; }
+
+private:
+    std::shared_ptr<QStringList> m_lines;
+};
 
 /**
  * Gives the library's watcher one end of a socket pair in place of its netlink socket: each send()

@@ -332,6 +332,8 @@ QMetaObject::Connection QObject::connect(const QObject *sender, const char *sign
 
 int QObject::startTimer(int interval, Qt::TimerType type)
 {
+    if (const auto tell = hook(&Interpose::Hooks::startTimer))
+        tell(this);
     step(QStringLiteral("startTimer %1 %2 %3").arg(className(this)).arg(interval).arg(int(type)));
     return real<int (*)(QObject *, int, Qt::TimerType)>("_ZN7QObject10startTimerEiN2Qt9TimerTypeE")(
             this, interval, type);
@@ -345,6 +347,8 @@ void QObject::killTimer(int id)
 
 void QObject::moveToThread(QThread *thread)
 {
+    if (const auto tell = hook(&Interpose::Hooks::moveToThread))
+        tell(this);
     step(QStringLiteral("moveToThread ") + className(this));
     real<void (*)(QObject *, QThread *)>("_ZN7QObject12moveToThreadEP7QThread")(this, thread);
 }

@@ -50,6 +50,9 @@ struct Hooks
      * The class is that of the object's meta-object at that moment.
      */
     std::function<void(const QString &step)> step;
+    /** Told of the object of a startTimer and of a moveToThread step, before the step itself. */
+    std::function<void(QObject *object)> startTimer;
+    std::function<void(QObject *object)> moveToThread;
 };
 
 /** Replaces all hooks; Hooks() removes them. */
