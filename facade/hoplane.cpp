@@ -12,7 +12,7 @@ Hoplane *s_pInstance = nullptr;
 
 void logConfiguration(const char *function, const QNetworkConfiguration &config)
 {
-    qInfo() << From(function) << "name" << config.name();
+    qInfo() << LogPrefix(function) << "name" << config.name();
 }
 
 } // namespace
@@ -20,7 +20,7 @@ void logConfiguration(const char *function, const QNetworkConfiguration &config)
 Hoplane *Hoplane::instance()
 {
     if (!s_pInstance) {
-        qInfo() << From(__func__) << "new Hoplane ";
+        qInfo() << LogPrefix(__func__) << "new Hoplane ";
         s_pInstance = new Hoplane(nullptr);
     }
     return s_pInstance;
@@ -65,10 +65,11 @@ void Hoplane::networkOnline(bool online)
 {
     if (online) {
         // Meant: the messages speak of a search, and none is made.
-        qInfo() << From(__func__) << "online is true,begin try find available server ip";
-        qInfo() << From(__func__) << ",finish try find available server ip";
+        qInfo() << LogPrefix(__func__) << "online is true,begin try find available server ip";
+        qInfo() << LogPrefix(__func__) << ",finish try find available server ip";
     } else {
-        qInfo() << From(__func__) << "online"
+        // The number is a fixed piece of the line.
+        qInfo() << LogPrefix(__func__) << "online"
                 << "false" << 949;
     }
 }

@@ -20,12 +20,13 @@ QT_WARNING_DISABLE_DEPRECATED
  *
  * Take it with instance(), connect to its signals, emit start(). A search then applies the local
  * addressing of each network in turn to the wired connection, tests by TCP whether that network's
- * server accepts, and goes on for up to 120 seconds.
+ * server accepts, and goes on until one does or 120 seconds are over.
  *
  * Thread: the object belongs to the thread of the first instance() call, here called the
- * application thread. That thread has to run a Qt event loop, for every signal below is delivered
- * through it. All blocking work (shell commands, probes, sleeps, the kernel socket) is done in two
- * threads that the object starts at construction.
+ * application thread. That thread has to run a Qt event loop: switchBegin(), switchSuccess(),
+ * switchFailed() and the reaction to a link change are delivered through it. All blocking work
+ * (shell commands, probes, sleeps, the kernel socket) is done in two threads that the object starts
+ * at construction.
  *
  * Lifetime: from the first instance() call until the process ends. Nothing stops the two threads,
  * and deleting the object while they run ends the process (QThread's "Destroyed while thread is
@@ -36,7 +37,8 @@ QT_WARNING_DISABLE_DEPRECATED
  * (QStandardPaths::DocumentsLocation). It is read at the beginning of each search and of each
  * reaction to a link event, so a value that a function below has stored is in force from the next
  * one on. Set the application's name before the first call. Nothing validates the values: a wrong
- * one shows as a failed command or a failed probe.
+ * one shows as a failed command or a failed probe. They become parts of shell commands: never store
+ * a text from somebody who is not trusted to run commands as the application.
  *
  * Errors: nothing here throws. A failed search arrives as switchFailed(); everything else is
  * reported in the log only (Qt's message logger, category "default").
@@ -79,8 +81,9 @@ public:
 
     /**
      * Stores the name of the wired NetworkManager connection that is reconfigured (key
-     * connectionName). Empty means the active connection. Otherwise as saveSwitchInfoToFile().
-     * instance() replaces the value when the device has a network settings file.
+     * connectionName). Empty means the active connection, of which there has to be one only.
+     * Otherwise as saveSwitchInfoToFile(). instance() replaces the value when the device has a
+     * network settings file.
      */
     bool saveConnectionName(QString connectionName);
 
@@ -90,11 +93,11 @@ public:
      * @param isAutomatically against its name: true applies the static addressing of the other
      *        parameters, false applies automatic addressing (DHCP)
      * @param localIp IPv4 address, dotted
-     * @param localMask IPv4 netmask, dotted; anything that has not four parts is applied as
-     *        prefix length 0
+     * @param localMask IPv4 netmask, dotted; 255.0.0.0 is applied as prefix length 6, anything
+     *        that has not four parts as prefix length 0
      * @param localGateWay IPv4 address of the gateway; empty leaves the connection's gateway alone
      * @param preferredDns first name server; may be empty
-     * @param spareDns second name server; may be empty
+     * @param spareDns second name server; may be empty; both empty leave the connection's alone
      *
      * Keys: FirstIsAutomatically, FirstLocalIp, FirstLocalMask, FirstLocalGateWay,
      * FirstPreferredDNS, FirstSpareDNS. Otherwise as saveSwitchInfoToFile(). instance() replaces
@@ -115,7 +118,9 @@ public:
     /**
      * Copies the connection name and the local addressing of both networks from the device's own
      * "/userdata/netSettings.ini" into the configuration file; its main network becomes the first
-     * server's, its spare network the second server's. Missing values are stored as empty.
+     * server's, its spare network the second server's. Missing texts are stored as empty. Each flag
+     * is stored as the negation of the network's bDhcpEnabled, or else of the common one, or else
+     * of true.
      *
      * Runs once in the constructor, in the constructing thread. Without that file it logs one
      * warning and changes nothing. The enable flag and the servers are never touched.
@@ -124,21 +129,24 @@ public:
 
 Q_SIGNALS:
     /**
-     * A link event began to be handled: the LAN switch changed state (ARM), or a link went down
-     * (other processors). switchSuccess() may follow; switchFailed() does not follow from it. A
-     * search begun with start() does not emit it.
+     * With switching enabled: the LAN switch reported its state (ARM), or a link went down (other
+     * processors). In the first case switchSuccess() follows if the selected server answers, and
+     * nothing if it does not; in the second nothing follows from it. A search begun with start()
+     * does not emit it.
      */
     void switchBegin();
 
     /**
-     * The server @p serverIP accepted a TCP connection on @p serverPort, and the local addressing
-     * of its network is applied. Both are the configured texts, unchanged.
+     * The server @p serverIP accepted a TCP connection on @p serverPort, after the library ran the
+     * commands for its network's local addressing (one that failed shows in the log only). Both are
+     * the configured texts, unchanged.
      */
     void switchSuccess(QString serverIP, QString serverPort);
 
     /**
-     * A search found no server within 120 seconds. @p errorCode is always -1, @p errorStr always
-     * the same text for a person to read.
+     * A search found no server. It begins no new pass over both networks after 120 seconds, and
+     * finishes the one it is in, so this comes at most one pass later. @p errorCode is always -1,
+     * @p errorStr always the same text for a person to read.
      */
     void switchFailed(QString errorStr, int errorCode);
 
@@ -151,8 +159,10 @@ Q_SIGNALS:
     /**
      * Emitted by the application to ask for a search. Exactly one switchSuccess() or
      * switchFailed() follows, unless switching is disabled or the configuration file is missing:
-     * then nothing follows. A request made during a search runs after it. A link change of a
-     * processor other than ARM makes the object emit it as well.
+     * then nothing follows. A request made during a search runs after it.
+     *
+     * On processors other than ARM, a link that comes up makes the object emit it too, unless a
+     * search runs or the last one found switching disabled.
      */
     void start();
 

@@ -19,28 +19,22 @@ struct LocalAddressing
     QString dns2;
 };
 
-bool dhcpEnabled(const QSettings &device, bool fallback)
+bool dhcpEnabled(const IniFile &device, bool fallback)
 {
     const QLatin1String key("bDhcpEnabled");
-    return device.contains(key) ? device.value(key).toBool() : fallback;
+    return device.contains(key) ? device.flag(key) : fallback;
 }
 
-QString text(const QSettings &device, const char *key)
+LocalAddressing readNetwork(IniFile *device, QLatin1String group, bool dhcpFallback)
 {
-    return device.value(QLatin1String(key), QVariant()).toString();
-}
-
-LocalAddressing readNetwork(QSettings &device, const char *group, bool dhcpFallback)
-{
-    device.beginGroup(QLatin1String(group));
+    device->beginGroup(group);
     // Meant: switch.ini's flag is true for static addressing, the negation of the device's.
-    LocalAddressing addressing = { !dhcpEnabled(device, dhcpFallback),
-                                   text(device, "ip"),
-                                   text(device, "mask"),
-                                   text(device, "gateway"),
-                                   text(device, "dns1"),
-                                   text(device, "dns2") };
-    device.endGroup();
+    LocalAddressing addressing = {
+        !dhcpEnabled(*device, dhcpFallback), device->text(QLatin1String("ip")),
+        device->text(QLatin1String("mask")), device->text(QLatin1String("gateway")),
+        device->text(QLatin1String("dns1")), device->text(QLatin1String("dns2"))
+    };
+    device->endGroup();
     return addressing;
 }
 
@@ -50,19 +44,19 @@ void Hoplane::loadSwitchLocalConfig()
 {
     const QString path = QStringLiteral("/userdata/netSettings.ini");
     if (!QFile::exists(path)) {
-        qWarning() << From(__func__) << "NetSetting.ini not exist.";
+        qWarning() << LogPrefix(__func__) << "NetSetting.ini not exist.";
         return;
     }
 
     IniFile device(path);
     device.beginGroup(QLatin1String("NetworkConnections"));
-    saveConnectionName(text(device, "conName"));
+    saveConnectionName(device.text(QLatin1String("conName")));
     const bool dhcpFallback = dhcpEnabled(device, true);
 
-    const LocalAddressing master = readNetwork(device, "MasterNet", dhcpFallback);
+    const LocalAddressing master = readNetwork(&device, QLatin1String("MasterNet"), dhcpFallback);
     saveFirstLocalInoToFile(master.isAutomatically, master.ip, master.mask, master.gateway,
                             master.dns1, master.dns2);
-    const LocalAddressing slave = readNetwork(device, "SlaveNet", dhcpFallback);
+    const LocalAddressing slave = readNetwork(&device, QLatin1String("SlaveNet"), dhcpFallback);
     saveSecondLocalInfoToFile(slave.isAutomatically, slave.ip, slave.mask, slave.gateway,
                               slave.dns1, slave.dns2);
     device.endGroup();

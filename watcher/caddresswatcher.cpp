@@ -92,12 +92,12 @@ void CAddressWatcher::run()
 void CAddressWatcher::listenToUevents(char *buffer, lan_switch *cdev)
 {
     int fd = open_uevent_socket();
-    qInfo() << From(loop) << "first time to get uevent socket_fd result = " << fd;
+    qInfo() << LogPrefix(loop) << "first time to get uevent socket_fd result = " << fd;
     while (fd == -1) {
         QThread::sleep(openRetrySeconds);
         fd = open_uevent_socket();
     }
-    qInfo() << From(loop) << "get uevent socket_fd success, fd = " << fd;
+    qInfo() << LogPrefix(loop) << "get uevent socket_fd success, fd = " << fd;
 
     for (;;) {
         const ssize_t received = recv(fd, buffer, ueventSize, 0);
@@ -178,7 +178,8 @@ void CAddressWatcher::handleNewLink(const char *message, int length)
 
 void CAddressWatcher::slotFinish()
 {
+    // The number is a fixed piece of the line.
     const QString text = QString("%1 %2: addressChanged :%3");
-    qWarning() << From(__func__) << text.arg(__func__).arg(71).arg(int(bAddressChanged));
+    qWarning() << LogPrefix(__func__) << text.arg(__func__).arg(71).arg(int(bAddressChanged));
     bFinishPending = false;
 }

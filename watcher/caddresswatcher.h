@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef CADDRESSWATCHER_H
-#define CADDRESSWATCHER_H
+#ifndef HOPLANE_CADDRESSWATCHER_H
+#define HOPLANE_CADDRESSWATCHER_H
 
 #include <QtCore/QThread>
 

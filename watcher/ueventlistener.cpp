@@ -70,7 +70,7 @@ void CAddressWatcher::parse_uevent(const char *msg, lan_switch *cdev)
     if (!decode(msg, cdev) || !cdev->path)
         return;
     if (!cdev->action) {
-        qCritical() << From(__func__) << "cdev->action is NULL";
+        qCritical() << LogPrefix(__func__) << "cdev->action is NULL";
         return;
     }
     if (!isLanSwitch(cdev->path))
@@ -79,7 +79,7 @@ void CAddressWatcher::parse_uevent(const char *msg, lan_switch *cdev)
     if (!valueOf(cdev->action, changeAction))
         return;
 
-    qWarning() << From(__func__)
+    qWarning() << LogPrefix(__func__)
                << QString("%1 event { name=%2, action=%3, path=%4, state=%5}")
                           .arg(QString(__func__), QString(cdev->name), QString(cdev->action),
                                QString(cdev->path), QString::number(cdev->state));

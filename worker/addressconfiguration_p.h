@@ -5,7 +5,7 @@
 /** Bytes of the buffer that receives a command's output, the terminating zero included. */
 constexpr int commandResultSize = 4096;
 
-/** Command templates; each blank in them is meant. */
+/** Templates of shell commands; the trailing blank is meant. */
 namespace NmcliCommand {
 
 extern const char activate[];

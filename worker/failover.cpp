@@ -8,8 +8,6 @@
 
 namespace {
 
-enum SwitchState { Idle = 0, Searching = 1, ServerReached = 2 };
-
 constexpr qint64 lastPassStartMs = 119999;
 constexpr int attemptMs = 500;
 constexpr int fewTries = 10;
@@ -28,7 +26,7 @@ void NetworkSwitchWorker::findAvailableIp()
 
     doConnetServer();
     if (m_nSwitchState != ServerReached) {
-        qInfo() << From(__func__) << " switch time out";
+        qInfo() << LogPrefix(__func__) << " switch time out";
         Q_EMIT mySwitchFailed(QStringLiteral("网络切换超时，请检查双网配置信息或网络线路"),
                               timeoutCode);
         Q_EMIT finished();
@@ -83,20 +81,22 @@ bool NetworkSwitchWorker::isOnLocalAddress(const char *function, const Network &
 {
     const QString &localIp = (*d).*network.localIp;
     const QString current = getIPAddress();
-    qInfo() << From(function) << "the net ip adddr:" << current
+    qInfo() << LogPrefix(function) << "the net ip adddr:" << current
             << ",the switch local ip addr:" << localIp;
-    // Meant: a substring test, so that no address at all counts as the same one.
+    // Meant: a substring test, so that no address at all, or the beginning of this one, counts as
+    // the same.
     if (localIp.indexOf(current) == -1)
         return false;
-    qInfo() << From(function) << "it is the same net ip adddr " << localIp;
+    qInfo() << LogPrefix(function) << "it is the same net ip adddr " << localIp;
     return true;
 }
 
 void NetworkSwitchWorker::slotAddressChanged()
 {
-    qInfo() << From(__func__) << QString("%1 %2: ip changed").arg(__func__).arg(116);
+    // The number is a fixed piece of the line.
+    qInfo() << LogPrefix(__func__) << QString("%1 %2: ip changed").arg(__func__).arg(116);
     if (m_nSwitchState != Idle) {
-        qInfo() << From(__func__) << " it's doing net switch.";
+        qInfo() << LogPrefix(__func__) << " it's doing net switch.";
         return;
     }
     m_nSwitchState = Searching;

@@ -5,9 +5,9 @@
 #include <QtCore/QDebug>
 
 /** The three pieces that begin a log line: "[", the bare name of the member function, "]". */
-struct From
+struct Q_DECL_HIDDEN LogPrefix
 {
-    explicit From(const char *name)
+    explicit LogPrefix(const char *name)
         : function(name)
     {
     }
@@ -15,9 +15,9 @@ struct From
     const char *function;
 };
 
-inline QDebug operator<<(QDebug stream, From from)
+inline QDebug operator<<(QDebug stream, LogPrefix prefix)
 {
-    return stream << "[" << from.function << "]";
+    return stream << "[" << prefix.function << "]";
 }
 
 #endif

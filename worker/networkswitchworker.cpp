@@ -5,6 +5,30 @@
 
 #include <QtNetwork/QHostAddress>
 
+const NetworkSwitchWorker::Network NetworkSwitchWorker::Network::first = {
+    &PrivateData::strFirstServerIp,
+    &PrivateData::strFirstServerPort,
+    &PrivateData::bFirstIsAutomatically,
+    &PrivateData::strFirstLocalIp,
+    &PrivateData::strFirstLocalMask,
+    &PrivateData::strFirstLocalGateWay,
+    &PrivateData::strFirstPreferredDNS,
+    &PrivateData::strFirstSpareDNS,
+    &NetworkSwitchWorker::setFirstStaticIpAddr,
+};
+
+const NetworkSwitchWorker::Network NetworkSwitchWorker::Network::second = {
+    &PrivateData::strSecondServerIp,
+    &PrivateData::strSecondServerPort,
+    &PrivateData::bSecondIsAutomatically,
+    &PrivateData::strSecondLocalIp,
+    &PrivateData::strSecondLocalMask,
+    &PrivateData::strSecondLocalGateWay,
+    &PrivateData::strSecondPreferredDNS,
+    &PrivateData::strSecondSpareDNS,
+    &NetworkSwitchWorker::setSecondStaticIpAddr,
+};
+
 namespace {
 
 constexpr int noTimer = -1;
@@ -16,7 +40,7 @@ NetworkSwitchWorker::NetworkSwitchWorker(QObject *parent)
     : QObject(parent)
     , m_watcher(new CAddressWatcher(this))
     , m_nTimerId(noTimer)
-    , m_nSwitchState(0)
+    , m_nSwitchState(Idle)
     , d(new PrivateData)
     , m_bSendCurrentServerIp(false)
     , m_bNeedRefresh(false)
@@ -79,8 +103,7 @@ void NetworkSwitchWorker::timerEvent(QTimerEvent *)
 
 void NetworkSwitchWorker::onSendCurrentServerip(QString)
 {
-    if (!m_bSendCurrentServerIp)
-        m_bSendCurrentServerIp = true;
+    m_bSendCurrentServerIp = true;
 }
 
 bool NetworkSwitchWorker::IsSameAsCurConfig()

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef NETWORKSWITCHWORKER_H
-#define NETWORKSWITCHWORKER_H
+#ifndef HOPLANE_NETWORKSWITCHWORKER_H
+#define HOPLANE_NETWORKSWITCHWORKER_H
 
 #include <QtCore/QObject>
 #include <QtCore/QScopedPointer>
@@ -30,7 +30,8 @@ class CAddressWatcher;
  * that is the design.
  *
  * Errors: nothing throws. Texts (addresses, netmasks, ports, the connection name) are not
- * validated; a wrong one shows as a failed command or a failed probe.
+ * validated; a wrong one shows as a failed command or a failed probe. They reach the shell as they
+ * are: never let them come from somebody who is not trusted to run commands.
  */
 class Q_DECL_EXPORT NetworkSwitchWorker : public QObject
 {
@@ -75,18 +76,18 @@ public:
      *
      * @param ip the server's address
      * @param port its port in decimal; false and one log line if it does not convert (0 does)
-     * @param sleepMs milliseconds given to each attempt, always slept in full
+     * @param sleepMs milliseconds given to each attempt, 0 or more, always slept in full
      * @param maxTries number of attempts; below 1 gives false at once
      * @return true after the first attempt that connects
      *
      * After the eleventh failure of a longer run the wired connection is activated once more.
-     * Blocks for up to maxTries * (sleepMs + 1) ms plus that command.
+     * Blocks for up to maxTries * (sleepMs + 1) ms plus its two commands.
      */
     bool tryConnectRemote(QString ip, QString port, int sleepMs, int maxTries);
 
     /**
-     * Returns the first usable address of the last interface whose flags are exactly up, running,
-     * broadcast and multicast; null when there is none.
+     * Returns the first usable address of the last interface that has one and whose flags are
+     * exactly up, running, broadcast and multicast; null when there is none.
      */
     QString getIPAddress();
 
@@ -102,18 +103,24 @@ public:
 
     /**
      * Runs one whole search: loads the configuration, then alternates between the two networks.
-     * Ends with mySwitchSuccess() or mySwitchFailed(), then finished(); with nothing at all when
-     * switching is disabled.
+     * Ends with mySwitchSuccess() or mySwitchFailed(), then finished().
+     *
+     * With switching disabled it ends at once and signals nothing. The worker then counts as busy:
+     * address changes are only logged until a later search finds switching enabled.
      */
     void findAvailableIp();
 
-    /** Alternates until a server answers; begins no new pass after 119999 ms of wall clock. */
+    /**
+     * A step of findAvailableIp(), which loads the configuration before and resets the state after
+     * it: alternates until a server answers; begins no new pass after 119999 ms of wall clock.
+     */
     void doConnetServer();
 
     /**
-     * Applies the first network's addressing and probes its server: 10 attempts of 500 ms, 20
-     * when both networks are static. With both static, a device that already has this network's
-     * address gets no command and no probe.
+     * A step of findAvailableIp(), as doConnetServer(): applies the first network's addressing and
+     * probes its server, with 10 attempts of 500 ms, or 20 when both networks are static. With both
+     * static, there is no command and no probe if this network's address contains the text of
+     * getIPAddress(), an empty one included.
      *
      * @return true if the server answered; mySwitchSuccess() and finished() have been emitted
      */
@@ -126,8 +133,8 @@ public:
      * Runs @p cmd through the shell and appends what it prints to the text in @p result.
      *
      * @param cmd at most 4095 bytes; a longer one is not run
-     * @param result 4096 bytes, zero-terminated; receives at most 4095 bytes and the terminator.
-     *        Reading stops, with a warning, after the line that takes the text past 4096 bytes.
+     * @param result 4096 bytes, zero-terminated; what does not fit is dropped. Reading stops, with
+     *        a warning, after the line with which the text would have passed 4096 bytes.
      * @return false if the command could not be started; its exit status is not looked at
      */
     bool excuCmd(const char *cmd, char *result);
@@ -141,8 +148,8 @@ public:
     /**
      * Sets the configured connection to automatic addressing and activates it.
      *
-     * @return false if the connection has no UUID, and nothing was run; true otherwise, also when
-     *         a command failed
+     * @return false if no UUID was found, and the connection was not touched; true otherwise, also
+     *         when a command failed
      */
     bool setLocalIpAuto();
 
@@ -151,7 +158,8 @@ public:
      *
      * @param ip IPv4 address, dotted
      * @param mask netmask, dotted; the prefix length is the count of its leading one bits, 6 for
-     *        255.0.0.0, and 0 when it has not four parts
+     *        255.0.0.0, and 0 when it has not four parts. A part that is no number counts as 0, one
+     *        above 255 spills into the part before it.
      * @param gateway left out of the command when empty
      * @param dns1 name server, left out of the command when empty
      * @param dns2 name server, left out of the command when empty
@@ -166,7 +174,7 @@ public:
     void setSecondStaticIpAddr();
 
 Q_SIGNALS:
-    /** A link event is about to be handled. */
+    /** With switching enabled: the LAN switch reported its state, or a link went down. */
     void mySwitchBegin();
 
     /** The server answered; both texts are the configured ones. */
@@ -175,10 +183,10 @@ Q_SIGNALS:
     /** A search found no server in time; @p errorCode is always -1. */
     void mySwitchFailed(QString errorStr, int errorCode);
 
-    /** A search ended, after its outcome has been signalled. */
+    /** A search with switching enabled ended; its outcome has been signalled. */
     void finished();
 
-    /** A link change was seen while no search ran; asks for a search. */
+    /** An address change was seen while the worker was idle; asks for a search. */
     void ipChanged();
 
 public Q_SLOTS:
@@ -221,10 +229,11 @@ protected:
 private:
     struct Network;
 
-    Q_DECL_HIDDEN bool takeUuid(const char *function, QString *uuid);
-    Q_DECL_HIDDEN void execute(const char *function, const char *label, const QString &command,
-                               char *result);
-    Q_DECL_HIDDEN void insistOnActivation(const QString &command, char *result);
+    Q_DECL_HIDDEN QString configuredUuid(const char *function);
+    Q_DECL_HIDDEN void executeAndLog(const char *function, const char *label,
+                                     const QString &command, char *result);
+    Q_DECL_HIDDEN void insistOnActivation(const char *function, const QString &command,
+                                          char *result);
     Q_DECL_HIDDEN void applyLocalAddressing(const char *function, const Network &network);
     Q_DECL_HIDDEN void reactivateConnection();
     Q_DECL_HIDDEN bool isOnLocalAddress(const char *function, const Network &network);

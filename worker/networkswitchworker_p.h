@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
-#ifndef NETWORKSWITCHWORKER_P_H
-#define NETWORKSWITCHWORKER_P_H
+#ifndef HOPLANE_NETWORKSWITCHWORKER_P_H
+#define HOPLANE_NETWORKSWITCHWORKER_P_H
 
 #include "networkswitchworker.h"
+#include "switchsettings_p.h"
 
 /** The in-memory form of switch.ini, in the order in which it is read. */
 struct Q_DECL_HIDDEN NetworkSwitchWorker::PrivateData
@@ -27,6 +28,8 @@ struct Q_DECL_HIDDEN NetworkSwitchWorker::PrivateData
     QString strSecondSpareDNS;
 };
 
+enum SwitchState { Idle = 0, Searching = 1, ServerReached = 2 };
+
 /** One network's half of the record, and the public function that applies its addressing. */
 struct Q_DECL_HIDDEN NetworkSwitchWorker::Network
 {
@@ -39,6 +42,10 @@ struct Q_DECL_HIDDEN NetworkSwitchWorker::Network
     QString PrivateData::*preferredDns;
     QString PrivateData::*spareDns;
     void (NetworkSwitchWorker::*applyAddressing)();
+
+    /** Fills this half of the record from the values under the keys. */
+    void read(const IniFile &file, const SwitchSettings::NetworkKeys &keys,
+              PrivateData *record) const;
 
     static const Network first;
     static const Network second;

@@ -12,7 +12,7 @@
 namespace {
 
 constexpr int reactivationAttempt = 11;
-constexpr char probe[] = "tryConnectRemote";
+constexpr char probeName[] = "tryConnectRemote";
 
 bool connects(const QString &ip, quint16 port, int sleepMs)
 {
@@ -21,12 +21,12 @@ bool connects(const QString &ip, quint16 port, int sleepMs)
     // Meant: the sleep is the time for the handshake, the wait only collects its outcome.
     QThread::msleep(sleepMs);
     if (!socket.waitForConnected(1)) {
-        qDebug() << From(probe) << "connect to host fail: " << ip << "  " << port
+        qDebug() << LogPrefix(probeName) << "connect to host fail: " << ip << "  " << port
                  << " locak address:" << socket.localAddress().toString();
         return false;
     }
-    qInfo() << From(probe) << "local IP = " << socket.localAddress().toString();
-    qInfo() << From(probe) << "host is available, " << ip << ", " << port;
+    qInfo() << LogPrefix(probeName) << "local IP = " << socket.localAddress().toString();
+    qInfo() << LogPrefix(probeName) << "host is available, " << ip << ", " << port;
     QObject::disconnect(&socket, nullptr, nullptr, nullptr);
     socket.close();
     return true;
@@ -39,19 +39,19 @@ bool NetworkSwitchWorker::tryConnectRemote(QString ip, QString port, int sleepMs
     bool converted = false;
     const quint16 portNumber = port.toUShort(&converted, 10);
     if (portNumber == 0 && !converted) {
-        qInfo() << From(probe) << 783 << "trans failed, port is " << port;
+        // The number is a fixed piece of the line.
+        qInfo() << LogPrefix(probeName) << 783 << "trans failed, port is " << port;
         return false;
     }
     if (maxTries < 1)
         return false;
 
-    for (int attempts = 0;;) {
+    for (int attempt = 1;; ++attempt) {
         if (connects(ip, portNumber, sleepMs))
             return true;
-        ++attempts;
-        if (attempts == maxTries)
+        if (attempt == maxTries)
             return false;
-        if (attempts == reactivationAttempt)
+        if (attempt == reactivationAttempt)
             reactivateConnection();
     }
 }
@@ -63,7 +63,7 @@ void NetworkSwitchWorker::reactivateConnection()
             QString(NmcliCommand::activate).arg(getNetWorkUuid(d->strConnectionName));
     char result[commandResultSize] = {};
     excuCmd(command.toStdString().c_str(), result);
-    qInfo() << From(probe) << " cmd: " << command << "bb  result:   " << result;
+    qInfo() << LogPrefix(probeName) << " cmd: " << command << "bb  result:   " << result;
 }
 
 QString NetworkSwitchWorker::getIPAddress()

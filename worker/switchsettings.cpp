@@ -11,6 +11,16 @@ IniFile::IniFile(const QString &path)
     setIniCodec(QTextCodec::codecForName("UTF-8"));
 }
 
+QString IniFile::text(QLatin1String key) const
+{
+    return value(key, QVariant()).toString();
+}
+
+bool IniFile::flag(QLatin1String key) const
+{
+    return value(key, QVariant()).toBool();
+}
+
 namespace SwitchSettings {
 
 const QLatin1String enableKey("SwitchEnable");

@@ -5,11 +5,14 @@
 #include <QtCore/QSettings>
 #include <QtCore/QString>
 
-/** An INI file in UTF-8. Destroying it writes what was set. */
+/** An INI file in UTF-8. Destroying it writes what was set. A missing key is empty, or false. */
 class Q_DECL_HIDDEN IniFile : public QSettings
 {
 public:
     explicit IniFile(const QString &path);
+
+    QString text(QLatin1String key) const;
+    bool flag(QLatin1String key) const;
 };
 
 /** The path and the key names of switch.ini: the one place that knows them. */

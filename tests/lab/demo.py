@@ -35,7 +35,7 @@ class Story:
 
     def _print(self, who, what, style=""):
         elapsed = time.monotonic() - self._begin
-        line = f"{elapsed:7.2f} s  {who:<12} {what}"
+        line = f"{elapsed:7.2f} s  {who:<13} {what}"
         if self._colours and style:
             line = f"\x1b[{style}m{line}\x1b[0m"
         with self._lock:
