@@ -2,7 +2,7 @@
 //
 // Measures what the library itself adds to a search whose first server answers at once: the time
 // from the application's start() to its switchSuccess(), less the probe's sleep and less the
-// commands, both as they really took.
+// commands, both as they really took. Fails if the median is over 5 ms.
 //
 //   script/sandbox build/release/bench/search_overhead [SEARCHES]
 
@@ -23,6 +23,8 @@
 #include <dlfcn.h>
 
 namespace {
+
+constexpr double limitMs = 5.0;
 
 // Written by the worker's thread, read by the main one after the worker's queued signal.
 qint64 waitedNs = 0;
@@ -90,6 +92,10 @@ extern "C" int pclose(FILE *stream)
 
 int main(int argc, char **argv)
 {
+    if (qgetenv("HOME") != "/sandbox/home") {
+        std::fputs("search_overhead: run this through script/sandbox\n", stderr);
+        return EXIT_FAILURE;
+    }
     QCoreApplication app(argc, argv);
     const int searches = argc > 1 ? std::max(1, std::atoi(argv[1])) : 20;
     const QTemporaryDir folder;
@@ -111,10 +117,10 @@ int main(int argc, char **argv)
     for (int i = 0; i < searches; ++i)
         overheads.append(measureSearch(hoplane));
     std::sort(overheads.begin(), overheads.end());
-    std::printf("%d searches, %d commands each: beyond the sleep and the commands\n"
+    std::printf("%d searches of %d commands: beyond the sleep and the commands\n"
                 "median %.2f ms, least %.2f ms, most %.2f ms\n",
                 searches, commands, overheads[searches / 2], overheads.first(), overheads.last());
     std::fflush(stdout);
     // The library's threads run until the process ends.
-    std::_Exit(overheads[searches / 2] <= 5.0 ? EXIT_SUCCESS : EXIT_FAILURE);
+    std::_Exit(overheads[searches / 2] <= limitMs ? EXIT_SUCCESS : EXIT_FAILURE);
 }

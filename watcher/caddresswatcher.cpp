@@ -19,13 +19,13 @@ namespace {
 constexpr int bufferSize = 20480;
 constexpr int ueventSize = 2048;
 constexpr unsigned long openRetrySeconds = 5;
-constexpr char loop[] = "run";
+constexpr char runName[] = "run";
 
 constexpr int headerSize = NLMSG_HDRLEN;
 constexpr int newLinkSize = NLMSG_LENGTH(sizeof(ifinfomsg));
 constexpr int attributeHeaderSize = RTA_LENGTH(0);
 
-/** Lengths in a message are those of its headers, never beyond the bytes received. */
+/** Rounded up to a multiple of 4. The length is at most that received, so nothing overflows. */
 int aligned(int length)
 {
     constexpr int alignment = NLMSG_ALIGNTO;
@@ -35,7 +35,7 @@ int aligned(int length)
 template<typename Header>
 Header headerAt(const char *data)
 {
-    // A copy, since nothing aligns what stands in a message.
+    // A copy, since the buffer is not aligned for a header.
     Header header;
     std::memcpy(&header, data, sizeof header);
     return header;
@@ -92,12 +92,12 @@ void CAddressWatcher::run()
 void CAddressWatcher::listenToUevents(char *buffer, lan_switch *cdev)
 {
     int fd = open_uevent_socket();
-    qInfo() << LogPrefix(loop) << "first time to get uevent socket_fd result = " << fd;
+    qInfo() << LogPrefix(runName) << "first time to get uevent socket_fd result = " << fd;
     while (fd == -1) {
         QThread::sleep(openRetrySeconds);
         fd = open_uevent_socket();
     }
-    qInfo() << LogPrefix(loop) << "get uevent socket_fd success, fd = " << fd;
+    qInfo() << LogPrefix(runName) << "get uevent socket_fd success, fd = " << fd;
 
     for (;;) {
         const ssize_t received = recv(fd, buffer, ueventSize, 0);
@@ -123,7 +123,7 @@ void CAddressWatcher::listenToLinks(char *buffer)
     sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
     address.nl_groups = RTMGRP_LINK;
-    // Meant: nothing of this is examined; the first read fails and ends the thread.
+    // Meant: nothing of this is examined; without a socket the first read ends the thread.
     (void)bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
 
     for (;;) {

@@ -24,8 +24,9 @@ struct lan_switch
  * reopen_network(). On any other it listens to the kernel's link notifications of all interfaces,
  * prints each to standard output, and emits addressChanged() or netWorkdown().
  *
- * Thread: the signals are emitted from the thread that this object runs; the object itself
- * belongs to the thread of its owner, where slotFinish() and goToEnd() are called.
+ * Thread: run() emits the signals from the thread that it runs in, parse_uevent() from its
+ * caller's; the object itself belongs to the thread of its owner, where slotFinish() and goToEnd()
+ * are called.
  *
  * Lifetime: nothing ends the uevent loop. The link loop ends, and with it the thread, after a
  * failed or empty read or an error message of the kernel; it is not started again. Destroying the
@@ -49,19 +50,23 @@ public:
      * Opens the kernel's uevent socket, bound to all groups, with a receive buffer of 65536 bytes
      * if the process may force it (CAP_NET_ADMIN).
      *
-     * @return the descriptor, owned by the caller; -1 on failure, with errno set
+     * @return the descriptor, owned by the caller; -1 on failure
      */
     int open_uevent_socket();
 
     /**
-     * Decodes one uevent and emits reopen_network() if it is a change of the LAN switch; any
-     * other event is ignored, one of the LAN switch without ACTION is logged.
+     * Decodes one uevent. One of the LAN switch whose action begins with "change" is logged and
+     * emitted as reopen_network(), one of the LAN switch without an action is logged, and any other
+     * is ignored.
      *
      * @param msg NUL-terminated strings, ended by an empty one
      * @param cdev receives what is found; its fields are set to null and 0 by the caller. Keys
      *        after the path of another device are not read.
      */
     void parse_uevent(const char *msg, lan_switch *cdev);
+
+    /** The listening loop of the thread. */
+    void run() override;
 
 Q_SIGNALS:
     /** A link notification with IFF_LOWER_UP set; of any interface, the loopback included. */
@@ -70,15 +75,15 @@ Q_SIGNALS:
     /** A link notification with IFF_LOWER_UP clear. */
     void netWorkdown();
 
-    /** The LAN switch reported @p state, whether or not it differs from the one before. */
+    /**
+     * The LAN switch reported @p state, whether or not it differs from the one before; 0 when the
+     * event carries none.
+     */
     void reopen_network(int state);
 
 public Q_SLOTS:
     /** The worker's notice that a search ended; logs one line. */
     void slotFinish();
-
-protected:
-    void run() override;
 
 private:
     Q_DECL_HIDDEN void listenToUevents(char *buffer, lan_switch *cdev);

@@ -53,6 +53,7 @@ int CAddressWatcher::open_uevent_socket()
     const int fd = socket(PF_NETLINK, SOCK_DGRAM, NETLINK_KOBJECT_UEVENT);
     if (fd < 0)
         return -1;
+    // Without the capability that this needs, the system's default serves.
     const int receiveBuffer = 64 * 1024;
     setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer);
     sockaddr_nl address = {};

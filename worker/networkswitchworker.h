@@ -56,6 +56,9 @@ public:
     /** Stops the timer if it runs. */
     void stopStatisticsTimer();
 
+    /** The statistics timer's tick; does nothing. */
+    void timerEvent(QTimerEvent *event) override;
+
     /** Always true; looks at nothing. */
     bool IsSameAsCurConfig();
 
@@ -221,10 +224,6 @@ public Q_SLOTS:
      * Only logs unless a refresh is due, and nothing in the library makes it due.
      */
     void slotTryRefreshNetwork();
-
-protected:
-    /** The statistics timer's tick; does nothing. */
-    void timerEvent(QTimerEvent *event) override;
 
 private:
     struct Network;

@@ -25,9 +25,7 @@ SECOND = "192.0.2.1"  # the second network, TEST-NET-1: its DHCP server gives .1
 PORT = 9000
 CONNECTION = "lan"
 
-BUS_CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
+BUS_CONFIGURATION = """<busconfig>
   <type>system</type>
   <listen>unix:path={socket}</listen>
   <policy context="default">
@@ -91,13 +89,13 @@ def wait_until(condition, seconds, what):
 class Program:
     """A program that runs in the background and whose lines are read as they come."""
 
-    def __init__(self, command, on_line=None, environment=None):
+    def __init__(self, command, on_line=None):
         self.lines = []
         self._news = queue.Queue()
         self._on_line = on_line
         self._process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                         stderr=subprocess.STDOUT, text=True, errors="replace",
-                                         env=environment)
+                                         stderr=subprocess.STDOUT, encoding="utf-8",
+                                         errors="replace")
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
 
@@ -147,7 +145,7 @@ class Laboratory:
 
     def __init__(self):
         self._stack = contextlib.ExitStack()
-        self._folder = pathlib.Path(tempfile.mkdtemp(prefix="laboratory-"))
+        self._folder = None
         self._servers = {}
         self._servers_side = None
         self.manager = None
@@ -161,6 +159,9 @@ class Laboratory:
         if missing:
             raise LaboratoryError("not installed: " + ", ".join(missing))
         os.environ["PATH"] = "/usr/sbin:/usr/bin:/sbin:/bin"
+        # Messages are compared here and there, so they are asked for untranslated.
+        os.environ["LC_ALL"] = "C.UTF-8"
+        self._folder = pathlib.Path(self._stack.enter_context(tempfile.TemporaryDirectory()))
         try:
             self._raise_cable()
             self._raise_dhcp()
@@ -172,8 +173,7 @@ class Laboratory:
 
     def __exit__(self, *_):
         self._stack.close()
-        shutil.rmtree(self._folder, ignore_errors=True)
-        # A file in its place is what a program leaves that took the device for its own file.
+        # NetworkManager replaces a device that was named to it as one of its own files.
         if not stat.S_ISCHR(os.stat("/dev/null").st_mode):
             raise LaboratoryError("/dev/null is no character device any more")
 
@@ -190,7 +190,8 @@ class Laboratory:
         self._servers_side = self._start(["unshare", "-n", "sleep", "infinity"])
         own = os.readlink("/proc/self/ns/net")
         theirs = f"/proc/{self._servers_side.pid}/ns/net"
-        wait_until(lambda: os.readlink(theirs) != own, 5, "the servers' namespace")
+        wait_until(lambda: self._servers_side.running() and os.readlink(theirs) != own, 5,
+                   "the servers' namespace")
         run("ip", "link", "add", "eth0", "type", "veth", "peer", "name", "port0", "netns",
             str(self._servers_side.pid))
         for address in (FIRST, SECOND):
@@ -201,16 +202,17 @@ class Laboratory:
 
     def _raise_dhcp(self):
         network = SECOND.rsplit(".", 1)[0]
-        self._start(self.there(
+        dhcp = self._start(self.there(
             "dnsmasq", "-d", "--port=0", "--conf-file=/dev/null", "--user=root", "--group=root",
             "--interface=port0", "--bind-interfaces", "--leasefile-ro",
             f"--dhcp-range={network}.100,{network}.150,255.255.255.0,1h"))
+        if not dhcp.wait_for(lambda line: "DHCP, IP range" in line, 10):
+            raise LaboratoryError("the DHCP server does not start:\n" + "\n".join(dhcp.lines))
 
     def _raise_manager(self):
         settings = self._folder / "NetworkManager"
         (settings / "system-connections").mkdir(parents=True)
         (settings / "NetworkManager.conf").write_text(MANAGER_CONFIGURATION)
-        run("mount", "-t", "tmpfs", "tmpfs", "/run")
         run("mount", "-t", "tmpfs", "tmpfs", "/var/lib/NetworkManager")
         run("mount", "--bind", str(settings), "/etc/NetworkManager")
         bus = self._folder / "bus"
@@ -220,8 +222,11 @@ class Laboratory:
         self._start(["dbus-daemon", f"--config-file={configuration}", "--nofork"])
         wait_until(bus.exists, 10, "the message bus")
         self.manager = self._start(["NetworkManager", "--no-daemon"])
-        wait_until(lambda: "running" in run("nmcli", "-t", "-f", "RUNNING", "general", check=False)
-                   .split("\n"), 20, "NetworkManager")
+        try:
+            wait_until(lambda: run("nmcli", "-t", "-f", "RUNNING", "general", check=False).strip()
+                       == "running", 20, "NetworkManager")
+        except LaboratoryError as late:
+            raise LaboratoryError("\n".join([str(late), *self.manager.lines[-20:]])) from None
         run("nmcli", "connection", "add", "type", "ethernet", "ifname", "eth0", "con-name",
             CONNECTION, "ipv4.method", "auto", "connection.autoconnect", "no", "ipv6.method",
             "disabled")
@@ -230,9 +235,8 @@ class Laboratory:
 
     def start_server(self, address, on_accept=None):
         """Lets the server at the address accept connections from now on."""
-        server = Program(self.there("/usr/bin/python3", "-c", SERVER, address, str(PORT)),
-                         on_line=on_accept)
-        self._stack.callback(server.stop)
+        server = self._start(self.there("/usr/bin/python3", "-c", SERVER, address, str(PORT)),
+                             on_line=on_accept)
         if not server.wait_for(lambda line: line == "listening", 10):
             raise LaboratoryError(f"the server {address} does not listen: {server.lines}")
         self._servers[address] = server
