@@ -5,6 +5,7 @@ checked; the exit status is 1 if one did not happen. See script/demo."""
 import argparse
 import os
 import re
+import signal
 import sys
 import threading
 import time
@@ -137,7 +138,8 @@ def tell(lab, story, options):
         "FirstLocalIp": FIRST_ADDRESS.split("/", maxsplit=1)[0],
         "FirstLocalMask": "255.255.255.0", "FirstLocalGateWay": FIRST,
         "SecondServerIp": SECOND, "SecondServerPort": PORT, "SecondIsAutomatically": "false"})
-    story.laboratory(f"up: NetworkManager, a DHCP server, two networks on one cable; {path} written")
+    story.laboratory("up: NetworkManager, a DHCP server, two networks on one cable")
+    story.laboratory(f"the application's configuration is written: {path}")
     lab.watch_addresses(story.address_line)
     application = switch_to_second(lab, story, [options.application])
     switch_back(lab, story, application)
@@ -149,6 +151,8 @@ def tell(lab, story, options):
 
 
 def main():
+    # Ends quietly when whoever reads the output has seen enough.
+    signal.signal(signal.SIGPIPE, signal.SIG_DFL)
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--full", action="store_true")
     parser.add_argument("--verbose", action="store_true")
@@ -156,8 +160,8 @@ def main():
     options = parser.parse_args()
 
     story = Story(options.verbose)
-    story.heading(f"Hoplane's demonstration. Server 1 is {FIRST}: the device needs the static address"
-                  f" {FIRST_ADDRESS}.\nServer 2 is {SECOND}: the device gets an address by DHCP.")
+    story.heading(f"Server 1 is {FIRST}: the device needs the static address {FIRST_ADDRESS}.\n"
+                  f"Server 2 is {SECOND}: the device gets an address by DHCP.")
     manager_log = []
     try:
         with Laboratory() as lab:
