@@ -8,6 +8,7 @@
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
+#include <QtCore/QSemaphore>
 #include <QtCore/QStandardPaths>
 #include <QtCore/QThread>
 
@@ -122,6 +123,7 @@ FakeNetlink::FakeNetlink()
 
 FakeNetlink::~FakeNetlink()
 {
+    Interpose::forget(m_watcherEnd);
     close(m_watcherEnd);
     close(m_testEnd);
 }
@@ -165,6 +167,26 @@ void WorkerFixture::setHooks(Interpose::Hooks hooks)
     if (!hooks.currentCpuArchitecture)
         hooks.currentCpuArchitecture = [] { return QStringLiteral("x86_64"); };
     Interpose::install(hooks);
+}
+
+Hoplane *lastingFacade()
+{
+    static Hoplane *const facade = [] {
+        const auto listening = std::make_shared<QSemaphore>();
+        Interpose::Hooks hooks;
+        hooks.currentCpuArchitecture = [] { return QStringLiteral("x86_64"); };
+        hooks.socket = [listening](int domain, int type, int protocol) {
+            listening->release();
+            return Interpose::Real::socket(domain, type, protocol);
+        };
+        Interpose::install(hooks);
+        Hoplane *made = Hoplane::instance();
+        if (!listening->tryAcquire(1, 10000))
+            qFatal("the watcher does not listen");
+        Interpose::install(Interpose::Hooks());
+        return made;
+    }();
+    return facade;
 }
 
 FakeNmcli::FakeNmcli(const QString &scenario)

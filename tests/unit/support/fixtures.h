@@ -2,6 +2,7 @@
 #ifndef FIXTURES_H
 #define FIXTURES_H
 
+#include "hoplane.h"
 #include "interpose.h"
 #include "networkswitchworker.h"
 
@@ -96,6 +97,12 @@ private:
     FakeNetlink m_netlink;
     std::unique_ptr<NetworkSwitchWorker> m_worker;
 };
+
+/**
+ * Hoplane::instance(), made by the first call with a watcher in link-notification mode on any
+ * processor. Returns once the watcher has taken that mode, without any hooks.
+ */
+Hoplane *lastingFacade();
 
 /**
  * Puts the fake nmcli (tests/fakes/nmcli.cpp) first on PATH and plays a scenario: a file of

@@ -133,6 +133,12 @@ void Interpose::install(const Hooks &hooks)
     installedHooks() = hooks;
 }
 
+void Interpose::forget(int fd)
+{
+    const std::lock_guard<std::mutex> lock(guard);
+    descriptors().erase(fd);
+}
+
 FILE *Interpose::Real::popen(const char *command, const char *mode)
 {
     return real<FILE *(*)(const char *, const char *)>("popen")(command, mode);
@@ -220,7 +226,11 @@ extern "C" ssize_t read(int fd, void *buffer, size_t length)
     if (fd != -1 && !isLibraryDescriptor(fd))
         return Interpose::Real::read(fd, buffer, length);
     const auto answer = hook(&Interpose::Hooks::read);
-    return answer ? answer(fd, buffer, length) : Interpose::Real::read(fd, buffer, length);
+    const ssize_t result =
+            answer ? answer(fd, buffer, length) : Interpose::Real::read(fd, buffer, length);
+    // What reads is thereby seen to come before forget().
+    const std::lock_guard<std::mutex> lock(guard);
+    return result;
 }
 
 // Qt's functions.

@@ -58,6 +58,10 @@ struct Hooks
 /** Replaces all hooks; Hooks() removes them. */
 void install(const Hooks &hooks);
 
+/** Ends the interception of a descriptor that is about to be closed, and orders the close after it.
+ */
+void forget(int fd);
+
 /** The real functions, for hooks that only count or change an argument. */
 namespace Real {
 FILE *popen(const char *command, const char *mode);
