@@ -33,7 +33,7 @@ class Story:
         self._lock = threading.Lock()
         self._verbose = verbose
         self._colours = sys.stdout.isatty() and "NO_COLOR" not in os.environ
-        self.library = []
+        self.log = []
 
     def _print(self, who, what, style=""):
         elapsed = time.monotonic() - self._begin
@@ -57,7 +57,7 @@ class Story:
         if APPLICATION_LINE.match(line):
             self._print("application", line, "1")
         else:
-            self.library.append(line)
+            self.log.append(line)
             if self._verbose and line:
                 self._print("library log", line, "2")
 
@@ -168,7 +168,7 @@ def main():
             manager_log = lab.manager.lines
             tell(lab, story, options)
     except (StepFailed, LaboratoryError) as failure:
-        print("\nThe library's log:", *story.library, sep="\n  ")
+        print("\nThe library's log:", *story.log, sep="\n  ")
         print("NetworkManager's last lines:", *manager_log[-20:], sep="\n  ")
         print(f"\nNot as it should be: {failure}", file=sys.stderr)
         return 1

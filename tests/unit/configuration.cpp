@@ -612,10 +612,10 @@ void ConfigurationTest::serverExchange_data()
     QTest::addColumn<bool>("isExchanged");
 
     for (const char *name : { "x86_64", "i386", "aarch64", "ARM", "Arm64", "ar m", "" })
-        QTest::addRow("exchange on \"%s\"", name) << name << "false"
+        QTest::addRow("exchange on '%s'", name) << name << "false"
                                                   << "true" << true;
     for (const char *name : { "arm", "arm64", "armv7l", "charm" })
-        QTest::addRow("order kept on \"%s\"", name) << name << "false"
+        QTest::addRow("order kept on '%s'", name) << name << "false"
                                                     << "true" << false;
 
     QTest::newRow("both automatic") << "x86_64"

@@ -4,10 +4,10 @@
 #include "logcapture.h"
 #include "peek.h"
 #include "testmain.h"
+#include "watching.h"
 
 #include <QtTest/QtTest>
 
-#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <limits>
@@ -18,20 +18,13 @@
 
 namespace {
 
-const QByteArray lanSwitch = QByteArrayLiteral("/devices/virtual/switch/lan-switch");
-const QByteArray ours = QByteArrayLiteral("DEVPATH=") + lanSwitch;
+const QByteArray lanSwitch = LanSwitch::path();
+const QByteArray ours = LanSwitch::devpath();
 const QByteArray change = QByteArrayLiteral("ACTION=change");
 
 const QString noAction = QStringLiteral("[ parse_uevent ] cdev->action is NULL");
 
-Expected changeLine(const QString &name, const QString &action, int state)
-{
-    return { QtWarningMsg,
-             QStringLiteral("[ parse_uevent ] \"parse_uevent event { name=%1, action=%2, "
-                            "path=/devices/virtual/switch/lan-switch, state=%3}\"")
-                     .arg(name, action)
-                     .arg(state) };
-}
+using LanSwitch::changeLine;
 
 /**
  * A message whose closing empty string is the last byte of a page that may not be written and
@@ -118,69 +111,16 @@ QByteArrayList fields(const lan_switch &record)
              QByteArray::number(record.state) };
 }
 
-/** The calls that open the socket, as text, and the answers that they get. */
-class SocketCalls
+/** Opens the socket with the calls answered by @p socket. */
+int openSocket(SocketCalls *socket)
 {
-public:
-    SocketCalls();
-    ~SocketCalls();
-    Q_DISABLE_COPY(SocketCalls)
-
-    QStringList calls;
-    int descriptor;
-    int socketResult;
-    int optionResult = 0;
-    int bindResult = 0;
-
-private:
-    int answer(int result) const
-    {
-        errno = EPERM;
-        return result;
-    }
-};
-
-SocketCalls::SocketCalls()
-{
-    const int any = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    // High up, so that nothing opened later takes the place of a closed one.
-    descriptor = fcntl(any, F_DUPFD_CLOEXEC, 500);
-    socketResult = descriptor;
-    close(any);
     Interpose::Hooks hooks;
-    hooks.socket = [this](int domain, int type, int protocol) {
-        calls.append(QStringLiteral("socket %1 %2 %3").arg(domain).arg(type).arg(protocol));
-        return answer(socketResult);
-    };
-    hooks.setsockopt = [this](int fd, int level, int name, const void *value, socklen_t length) {
-        int number = 0;
-        std::memcpy(&number, value, qMin(sizeof number, std::size_t(length)));
-        calls.append(QStringLiteral("setsockopt %1 %2 %3 %4 of %5 bytes")
-                             .arg(fd - descriptor)
-                             .arg(level)
-                             .arg(name)
-                             .arg(number)
-                             .arg(length));
-        return answer(optionResult);
-    };
-    hooks.bind = [this](int fd, const sockaddr *address, socklen_t length) {
-        sockaddr_nl netlink = {};
-        std::memcpy(&netlink, address, qMin(sizeof netlink, std::size_t(length)));
-        calls.append(QStringLiteral("bind %1 family %2 port %3 groups %4 of %5 bytes")
-                             .arg(fd - descriptor)
-                             .arg(netlink.nl_family)
-                             .arg(netlink.nl_pid)
-                             .arg(netlink.nl_groups, 0, 16)
-                             .arg(length));
-        return answer(bindResult);
-    };
+    socket->addTo(&hooks);
     Interpose::install(hooks);
-}
-
-SocketCalls::~SocketCalls()
-{
+    CAddressWatcher watcher(nullptr);
+    const int fd = watcher.open_uevent_socket();
     Interpose::install(Interpose::Hooks());
-    close(descriptor);
+    return fd;
 }
 
 bool isOpen(int fd)
@@ -231,32 +171,31 @@ void UeventListenerTest::openedSocket_isUeventSocketWithForcedBufferBoundToAllGr
 {
     SocketCalls socket;
     const LogCapture log;
-    CAddressWatcher watcher(nullptr);
-    QCOMPARE(watcher.open_uevent_socket(), socket.descriptor);
+    const int fd = openSocket(&socket);
+    QCOMPARE(fd, socket.descriptor);
     QCOMPARE(socket.calls, (QStringList{ socketCall, optionCall, bindCall }));
-    QVERIFY(isOpen(socket.descriptor));
+    QVERIFY(isOpen(fd));
     COMPARE_LOG(log, {});
 }
 
 void UeventListenerTest::refusedBufferSize_isIgnored()
 {
     SocketCalls socket;
-    socket.optionResult = -1;
+    socket.optionFailures = 1;
     const LogCapture log;
-    CAddressWatcher watcher(nullptr);
-    QCOMPARE(watcher.open_uevent_socket(), socket.descriptor);
+    const int fd = openSocket(&socket);
+    QCOMPARE(fd, socket.descriptor);
     QCOMPARE(socket.calls, (QStringList{ socketCall, optionCall, bindCall }));
-    QVERIFY(isOpen(socket.descriptor));
+    QVERIFY(isOpen(fd));
     COMPARE_LOG(log, {});
 }
 
 void UeventListenerTest::socketFails_returnsMinusOneWithoutFurtherCalls()
 {
     SocketCalls socket;
-    socket.socketResult = -1;
+    socket.socketFailures = 1;
     const LogCapture log;
-    CAddressWatcher watcher(nullptr);
-    QCOMPARE(watcher.open_uevent_socket(), -1);
+    QCOMPARE(openSocket(&socket), -1);
     QCOMPARE(socket.calls, QStringList{ socketCall });
     COMPARE_LOG(log, {});
 }
@@ -264,23 +203,25 @@ void UeventListenerTest::socketFails_returnsMinusOneWithoutFurtherCalls()
 void UeventListenerTest::bindFails_closesTheDescriptor()
 {
     SocketCalls socket;
-    socket.bindResult = -1;
+    socket.bindFailures = 1;
     const LogCapture log;
-    CAddressWatcher watcher(nullptr);
-    QCOMPARE(watcher.open_uevent_socket(), -1);
+    QCOMPARE(openSocket(&socket), -1);
     QCOMPARE(socket.calls, (QStringList{ socketCall, optionCall, bindCall }));
     QVERIFY(!isOpen(socket.descriptor));
-    QCOMPARE(errno, EBADF);
     COMPARE_LOG(log, {});
 }
 
 void UeventListenerTest::descriptorZero_isNoFailure()
 {
-    SocketCalls socket;
-    socket.socketResult = 0;
+    Interpose::Hooks hooks;
+    hooks.socket = [](int, int, int) { return 0; };
+    hooks.setsockopt = [](int, int, int, const void *, socklen_t) { return 0; };
+    hooks.bind = [](int, const sockaddr *, socklen_t) { return 0; };
+    Interpose::install(hooks);
     CAddressWatcher watcher(nullptr);
-    QCOMPARE(watcher.open_uevent_socket(), 0);
-    QCOMPARE(socket.calls.size(), 3);
+    const int fd = watcher.open_uevent_socket();
+    Interpose::install(Interpose::Hooks());
+    QCOMPARE(fd, 0);
 }
 
 void UeventListenerTest::kernelSocket_hasAPortOfItsOwnAndAllGroups()
