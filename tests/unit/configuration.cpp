@@ -613,10 +613,10 @@ void ConfigurationTest::serverExchange_data()
 
     for (const char *name : { "x86_64", "i386", "aarch64", "ARM", "Arm64", "ar m", "" })
         QTest::addRow("exchange on '%s'", name) << name << "false"
-                                                  << "true" << true;
+                                                << "true" << true;
     for (const char *name : { "arm", "arm64", "armv7l", "charm" })
         QTest::addRow("order kept on '%s'", name) << name << "false"
-                                                    << "true" << false;
+                                                  << "true" << false;
 
     QTest::newRow("both automatic") << "x86_64"
                                     << "false"
