@@ -43,6 +43,24 @@ struct Handover
 };
 Handover handover;
 
+/** Makes the call in the thread that it was posted to, where it is deleted after its delivery. */
+class Call : public QEvent
+{
+public:
+    Call()
+        : QEvent(QEvent::User)
+    {
+    }
+    ~Call() override
+    {
+        const std::lock_guard<std::mutex> lock(handover.guard);
+        (*handover.function)();
+        handover.function = nullptr;
+        handover.done.notify_one();
+    }
+    Q_DISABLE_COPY(Call)
+};
+
 /** A facade with all its threads, which it ends before it deletes the facade. */
 class RunningFacade
 {
@@ -59,6 +77,8 @@ public:
         };
         setHooks(hooks);
         m_facade = make();
+        if (!m_worker || m_worker->thread() != &thread())
+            qFatal("the worker was not moved into its thread");
         m_watcher = Peek::watcher(*m_worker).data();
         hooks.moveToThread = nullptr;
         setHooks(hooks);
@@ -93,15 +113,7 @@ public:
             const std::lock_guard<std::mutex> lock(handover.guard);
             handover.function = &function;
         }
-        QMetaObject::invokeMethod(
-                m_worker,
-                [] {
-                    const std::lock_guard<std::mutex> lock(handover.guard);
-                    (*handover.function)();
-                    handover.function = nullptr;
-                    handover.done.notify_one();
-                },
-                Qt::QueuedConnection);
+        QCoreApplication::postEvent(m_worker, new Call);
         std::unique_lock<std::mutex> lock(handover.guard);
         if (!handover.done.wait_for(lock, std::chrono::seconds(20),
                                     [] { return !handover.function; }))
@@ -138,7 +150,7 @@ using Report = std::function<void(RunningFacade &, const QNetworkConfiguration &
 /** Records each signal of the facade with its arguments, and whether it came in another thread. */
 Recorder signalsOf(Hoplane &facade)
 {
-    const Recorder recorder;
+    Recorder recorder;
     const auto note = [recorder, home = QThread::currentThread()](const QString &what) {
         recorder.add(QThread::currentThread() == home ? what : what + " in another thread");
     };
@@ -249,6 +261,8 @@ class HoplaneTest : public QObject
 {
     Q_OBJECT
 
+    std::unique_ptr<VethPair> m_interfaces;
+
 private Q_SLOTS:
     void initTestCase();
     void cleanupTestCase();
@@ -293,9 +307,6 @@ private Q_SLOTS:
     void destructor_deletesTheManager();
     void destructor_withoutAManager();
     void destructor_withRunningThreadsEndsTheProcess();
-
-private:
-    std::unique_ptr<VethPair> m_interfaces;
 };
 
 void HoplaneTest::initTestCase()
@@ -418,6 +429,8 @@ void HoplaneTest::construction_stepsInTheirOrder()
     recordConstruction(recorder, &hooks);
     RunningFacade facade(hooks);
     const QString manager = QStringLiteral("QNetworkConfigurationManager::");
+    const QString watcher = QStringLiteral("connect CAddressWatcher::");
+    const QString facades = QStringLiteral("connect Hoplane::");
     const QString worker = QStringLiteral("connect NetworkSwitchWorker::");
     const QStringList expected = {
         "exists " + deviceFile,
@@ -434,16 +447,16 @@ void HoplaneTest::construction_stepsInTheirOrder()
                   "Hoplane::networkRemove(QNetworkConfiguration) 0",
         "startTimer NetworkSwitchWorker 3000 1",
         armStep,
-        "connect CAddressWatcher::netWorkdown() NetworkSwitchWorker::slotNetWorkDown() 0",
-        "connect CAddressWatcher::reopen_network(int) "
-        "NetworkSwitchWorker::slotReopen_network(int) 0",
+        watcher + "netWorkdown() NetworkSwitchWorker::slotNetWorkDown() 0",
+        watcher + "reopen_network(int) NetworkSwitchWorker::slotReopen_network(int) 0",
         worker + "finished() CAddressWatcher::slotFinish() 0",
         "thread-start CAddressWatcher 7",
         "moveToThread NetworkSwitchWorker",
         "connect QThread::finished() NetworkSwitchWorker::deleteLater() 0",
-        "connect Hoplane::start() NetworkSwitchWorker::start() 0",
-        "connect Hoplane::sendCurrentServerip(QString) "
-        "NetworkSwitchWorker::onSendCurrentServerip(QString) 0",
+        facades + "start() NetworkSwitchWorker::start() 0",
+        facades
+                + "sendCurrentServerip(QString) "
+                  "NetworkSwitchWorker::onSendCurrentServerip(QString) 0",
         worker + "mySwitchBegin() Hoplane::switchBegin() 0",
         worker + "mySwitchSuccess(QString,QString) Hoplane::switchSuccess(QString,QString) 0",
         worker + "mySwitchFailed(QString,int) Hoplane::switchFailed(QString,int) 0",

@@ -287,15 +287,16 @@ void NetworkSwitchWorkerTest::construction_stepsInTheirOrder()
     Interpose::Hooks hooks;
     recorder.addStepsTo(&hooks);
     WorkerFixture worker(hooks);
-    QCOMPARE(
-            recorder.take(),
-            (QStringList{ startTimerStep, armStep,
-                          "connect CAddressWatcher::netWorkdown() "
-                          "NetworkSwitchWorker::slotNetWorkDown() 0",
-                          "connect CAddressWatcher::reopen_network(int) "
-                          "NetworkSwitchWorker::slotReopen_network(int) 0",
-                          "connect NetworkSwitchWorker::finished() CAddressWatcher::slotFinish() 0",
-                          "thread-start CAddressWatcher 7" }));
+    const QString watcher = QStringLiteral("connect CAddressWatcher::");
+    const QStringList expected = {
+        startTimerStep,
+        armStep,
+        watcher + "netWorkdown() NetworkSwitchWorker::slotNetWorkDown() 0",
+        watcher + "reopen_network(int) NetworkSwitchWorker::slotReopen_network(int) 0",
+        "connect NetworkSwitchWorker::finished() CAddressWatcher::slotFinish() 0",
+        "thread-start CAddressWatcher 7",
+    };
+    QCOMPARE(recorder.take(), expected);
 }
 
 void NetworkSwitchWorkerTest::construction_membersAreThereBeforeTheTimerStarts()
@@ -741,16 +742,16 @@ void NetworkSwitchWorkerTest::destructor_doesNotAskTheWatcherToEnd()
     loose.endWatcher();
     NetworkSwitchWorker *worker = loose.get();
     // A second owner keeps the watcher past the destructor's own steps, up to the base's.
-    auto *shared = new QSharedPointer<CAddressWatcher>(Peek::watcher(*worker));
-    CAddressWatcher *watcher = shared->data();
+    QSharedPointer<CAddressWatcher> shared = Peek::watcher(*worker);
+    const QPointer<CAddressWatcher> watcher = shared.data();
     bool stillRunning = false;
     QObject::connect(worker, &QObject::destroyed, [&] { stillRunning = Peek::running(*watcher); });
     watcher->setParent(nullptr);
     delete worker;
     QVERIFY(stillRunning);
-    const QPointer<CAddressWatcher> survivor = watcher;
-    delete shared;
-    QVERIFY(!survivor);
+    QVERIFY(watcher);
+    shared.clear();
+    QVERIFY(!watcher);
 }
 
 HOPLANE_TEST_MAIN(NetworkSwitchWorkerTest)
