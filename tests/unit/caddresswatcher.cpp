@@ -694,6 +694,7 @@ void CAddressWatcherTest::watcherDestroyedAfterItsLoop_leavesTheSocketOpen()
     auto watcher = std::make_unique<CAddressWatcher>(nullptr);
     watcher->start();
     QVERIFY(watcher->wait());
+    Interpose::install(Interpose::Hooks());
     watcher.reset();
     QVERIFY(socket.descriptor >= 0);
     QVERIFY(fcntl(socket.descriptor, F_GETFD) != -1);

@@ -50,6 +50,8 @@ public:
     Call()
         : QEvent(QEvent::User)
     {
+        // The order that Qt's queue makes is not seen by the thread sanitizer.
+        const std::lock_guard<std::mutex> lock(handover.guard);
     }
     ~Call() override
     {
@@ -130,9 +132,12 @@ public:
     /** The worker is deleted with its thread's end. */
     void endThreads()
     {
+        if (thread().isFinished())
+            return;
         m_netlink.end();
-        if (!thread().isFinished())
-            m_watcher->wait();
+        m_watcher->wait();
+        // A thread that ends before its loop began leaks the timers that moved with the worker.
+        inWorkerThread([] {});
         thread().quit();
         thread().wait();
     }
