@@ -193,11 +193,11 @@ private Q_SLOTS:
     void threeStarts_firstChangeThatBeginsASwitchRemovesAllFour();
     void startAfterAChange_connectsAgain();
 
-    void resume_rightAfterConstructionStartsNoSecondTimer();
+    void slotOfTheRunningTimer_leavesItAlone_data();
+    void slotOfTheRunningTimer_leavesItAlone();
     void stopTwice_killsTheTimerOnceAndResumeStartsANewOne();
     void startStatisticsTimer_whileItRunsDoesNothing();
     void stopStatisticsTimer_changesNothingButTheTimer();
-    void pause_leavesTheTimerRunning();
     void tick_doesNothing();
 
     void isSameAsCurConfig_isTrueInEveryState_data();
@@ -512,15 +512,23 @@ void NetworkSwitchWorkerTest::startAfterAChange_connectsAgain()
     QCOMPARE(log.count(changeLine), 1);
 }
 
-void NetworkSwitchWorkerTest::resume_rightAfterConstructionStartsNoSecondTimer()
+void NetworkSwitchWorkerTest::slotOfTheRunningTimer_leavesItAlone_data()
 {
+    QTest::addColumn<QByteArray>("slot");
+    QTest::newRow("resume right after construction") << QByteArray("resume");
+    QTest::newRow("pause") << QByteArray("pause");
+}
+
+void NetworkSwitchWorkerTest::slotOfTheRunningTimer_leavesItAlone()
+{
+    QFETCH(QByteArray, slot);
     WorkerFixture worker;
     const QStringList before = values(*worker);
     const Recorder recorder;
     Interpose::Hooks hooks;
     recorder.addStepsTo(&hooks);
     worker.setHooks(hooks);
-    QVERIFY(QMetaObject::invokeMethod(worker.get(), "resume"));
+    QVERIFY(QMetaObject::invokeMethod(worker.get(), slot.constData()));
     QCOMPARE(recorder.take(), QStringList());
     QCOMPARE(values(*worker), before);
     QCOMPARE(timers(worker.get()).size(), 1);
@@ -577,20 +585,6 @@ void NetworkSwitchWorkerTest::stopStatisticsTimer_changesNothingButTheTimer()
     QCOMPARE(values(*worker), expected);
     QVERIFY(Peek::watcher(*worker)->isRunning());
     COMPARE_LOG(log, {});
-}
-
-void NetworkSwitchWorkerTest::pause_leavesTheTimerRunning()
-{
-    WorkerFixture worker;
-    const QStringList before = values(*worker);
-    const Recorder recorder;
-    Interpose::Hooks hooks;
-    recorder.addStepsTo(&hooks);
-    worker.setHooks(hooks);
-    QVERIFY(QMetaObject::invokeMethod(worker.get(), "pause"));
-    QCOMPARE(recorder.take(), QStringList());
-    QCOMPARE(values(*worker), before);
-    QCOMPARE(timers(worker.get()).size(), 1);
 }
 
 void NetworkSwitchWorkerTest::tick_doesNothing()

@@ -102,6 +102,9 @@ private Q_SLOTS:
     void writer_encodesUtf8();
     void writer_keepsForeignUtf8();
     void keys_areWrittenToTheGeneralSection();
+
+private:
+    static void readerAndWriterUse(const QString &path);
 };
 
 void SwitchSettingsTest::init()
@@ -182,11 +185,8 @@ void SwitchSettingsTest::applicationName_isUsedAsItIs_data()
     QTest::newRow("folder within a folder") << "vendor/device";
 }
 
-void SwitchSettingsTest::applicationName_isUsedAsItIs()
+void SwitchSettingsTest::readerAndWriterUse(const QString &path)
 {
-    QFETCH(QString, name);
-    QCoreApplication::setApplicationName(name);
-    const QString path = "/sandbox/home/Documents/" + name + "/switch.ini";
     WorkerFixture worker;
     LogCapture log;
     worker->loadConfig();
@@ -195,17 +195,20 @@ void SwitchSettingsTest::applicationName_isUsedAsItIs()
     QCOMPARE(filesAtHome(), QStringList(path));
 }
 
+void SwitchSettingsTest::applicationName_isUsedAsItIs()
+{
+    QFETCH(QString, name);
+    QCoreApplication::setApplicationName(name);
+    const QString path = "/sandbox/home/Documents/" + name + "/switch.ini";
+    readerAndWriterUse(path);
+}
+
 void SwitchSettingsTest::clearedApplicationName_fallsBackToTheExecutablesName()
 {
     const QString executable = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
     const QString path = "/sandbox/home/Documents/" + executable + "/switch.ini";
     QCoreApplication::setApplicationName(QString());
-    WorkerFixture worker;
-    LogCapture log;
-    worker->loadConfig();
-    COMPARE_LOG(log, (missing(path)));
-    QVERIFY(storeServer("10.1.0.1"));
-    QCOMPARE(filesAtHome(), QStringList(path));
+    readerAndWriterUse(path);
 }
 
 void SwitchSettingsTest::documentsFolder_isTakenUpAtEachAccess()
