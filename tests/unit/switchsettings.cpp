@@ -102,8 +102,6 @@ private Q_SLOTS:
     void writer_encodesUtf8();
     void writer_keepsForeignUtf8();
     void keys_areWrittenToTheGeneralSection();
-
-private:
     static void readerAndWriterUse(const QString &path);
 };
 
