@@ -74,6 +74,16 @@ bool storeServer(const QString &ip)
     return Hoplane::saveSwitchInfoToFile(true, ip, "9001", "", "");
 }
 
+void readerAndWriterUse(const QString &path)
+{
+    WorkerFixture worker;
+    LogCapture log;
+    worker->loadConfig();
+    COMPARE_LOG(log, (missing(path)));
+    QVERIFY(storeServer("10.1.0.1"));
+    QCOMPARE(filesAtHome(), QStringList(path));
+}
+
 } // namespace
 
 /** Where switch.ini is, and its encoding, for the reader and the writers alike. */
@@ -102,7 +112,6 @@ private Q_SLOTS:
     void writer_encodesUtf8();
     void writer_keepsForeignUtf8();
     void keys_areWrittenToTheGeneralSection();
-    static void readerAndWriterUse(const QString &path);
 };
 
 void SwitchSettingsTest::init()
@@ -181,16 +190,6 @@ void SwitchSettingsTest::applicationName_isUsedAsItIs_data()
     QTest::newRow("ending that looks like a file's") << "device.ini";
     QTest::newRow("letters beyond ASCII") << QString::fromUtf8("Ger\xc3\xa4t");
     QTest::newRow("folder within a folder") << "vendor/device";
-}
-
-void SwitchSettingsTest::readerAndWriterUse(const QString &path)
-{
-    WorkerFixture worker;
-    LogCapture log;
-    worker->loadConfig();
-    COMPARE_LOG(log, (missing(path)));
-    QVERIFY(storeServer("10.1.0.1"));
-    QCOMPARE(filesAtHome(), QStringList(path));
 }
 
 void SwitchSettingsTest::applicationName_isUsedAsItIs()
