@@ -40,8 +40,9 @@ QT_WARNING_DISABLE_DEPRECATED
  * one shows as a failed command or a failed probe. They become parts of shell commands: never store
  * a text from somebody who is not trusted to run commands as the application.
  *
- * Errors: nothing here throws. A failed search arrives as switchFailed(); everything else is
- * reported in the log only (Qt's message logger, category "default").
+ * Errors: nothing here throws. A failed search arrives as switchFailed(). Of the other failures
+ * some are reported in the log (Qt's message logger, category "default"), the rest, such as a file
+ * that cannot be read or written, not at all.
  */
 class Q_DECL_EXPORT Hoplane : public QObject
 {
@@ -129,10 +130,10 @@ public:
 
 Q_SIGNALS:
     /**
-     * With switching enabled: the LAN switch reported its state (ARM), or a link went down (other
-     * processors). In the first case switchSuccess() follows if the selected server answers, and
-     * nothing if it does not; in the second nothing follows from it. A search begun with start()
-     * does not emit it.
+     * With switching enabled: the LAN switch reported its state (ARM), or the kernel notified of a
+     * link that is down, whichever interface it is (other processors). In the first case
+     * switchSuccess() follows if the selected server answers, and nothing if it does not; in the
+     * second nothing follows from it. A search begun with start() does not emit it.
      */
     void switchBegin();
 
@@ -161,8 +162,10 @@ Q_SIGNALS:
      * switchFailed() follows, unless switching is disabled or the configuration file is missing:
      * then nothing follows. A request made during a search runs after it.
      *
-     * On processors other than ARM, a link that comes up makes the object emit it too, unless a
-     * search runs or the last one found switching disabled.
+     * On processors other than ARM, a notification of a link that is up makes the object emit it
+     * too: one that comes during a search that the application asked for does so after that search,
+     * one that comes during a search begun this way is lost. None does so while the last search
+     * found switching disabled.
      */
     void start();
 

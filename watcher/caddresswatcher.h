@@ -22,7 +22,8 @@ struct lan_switch
  * On a processor whose architecture name (QSysInfo::currentCpuArchitecture()) contains "arm" it
  * listens to the uevents of the LAN switch "/devices/virtual/switch/lan-switch" and emits
  * reopen_network(). On any other it listens to the kernel's link notifications of all interfaces,
- * prints each to standard output, and emits addressChanged() or netWorkdown().
+ * prints each that tells of a link's state (RTM_NEWLINK) to standard output, and emits
+ * addressChanged() or netWorkdown() for it.
  *
  * Thread: run() emits the signals from the thread that it runs in, parse_uevent() from its
  * caller's; the object itself belongs to the thread of its owner, where slotFinish() and goToEnd()

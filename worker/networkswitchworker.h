@@ -177,7 +177,7 @@ public:
     void setSecondStaticIpAddr();
 
 Q_SIGNALS:
-    /** With switching enabled: the LAN switch reported its state, or a link went down. */
+    /** With switching enabled: the LAN switch reported its state, or a link is notified as down. */
     void mySwitchBegin();
 
     /** The server answered; both texts are the configured ones. */
