@@ -10,11 +10,11 @@ import sys
 import threading
 import time
 
-from laboratory import (CONNECTION, FIRST, PORT, SECOND, Laboratory, LaboratoryError,
-                        write_configuration)
+from laboratory import (CONNECTION, LEASED, NET1, NET2, PORT, Laboratory, LaboratoryError,
+                        Timeline, write_configuration)
 
-FIRST_ADDRESS = "198.51.100.2/24"
-SECOND_ADDRESSES = re.compile(r"192\.0\.2\.1([0-4][0-9]|50)/24")
+FIRST, SECOND = NET1.server, NET2.server
+FIRST_ADDRESS = NET1.device + "/24"
 FAILURE = "网络切换超时，请检查双网配置信息或网络线路"
 # What the application itself prints; the rest is the library's log, its link notifications, and
 # the messages of the commands that it runs.
@@ -34,6 +34,7 @@ class Story:
         self._verbose = verbose
         self._colours = sys.stdout.isatty() and "NO_COLOR" not in os.environ
         self.log = []
+        self.manager_log = []
 
     def _print(self, who, what, style=""):
         elapsed = time.monotonic() - self._begin
@@ -66,11 +67,15 @@ class Story:
             gone = line.startswith("Deleted")
             self._print("device", f"eth0 {'loses' if gone else 'has'} the address {match[1]}")
 
-    def accept(self, name):
-        def say(line):
-            if line.startswith("accepted"):
-                self._print(f"{name} server", f"accepted a connection from {line.split()[1]}")
-        return say
+    def event(self, _when, who, what):
+        """An event of the laboratory's timeline."""
+        if who == "server":
+            address, _, rest = what.partition(" ")
+            self._print("first server" if address == FIRST else "second server", rest)
+        elif who == "person":
+            self._print("person", what)
+        elif who == "manager":
+            self.manager_log.append(what)
 
 
 def expect(condition, what):
@@ -85,46 +90,52 @@ def expect_line(application, wanted, seconds):
 
 def switch_to_second(lab, story, command):
     story.heading("1. The first server is dead, the second is alive: the switch to the second")
-    lab.start_server(SECOND, story.accept("second"))
+    lab.start_server(SECOND)
     story.laboratory(f"the second server accepts on {SECOND}:{PORT}, the first one is off")
     application = lab.start_application(command, story.application_line)
     story.laboratory("the application starts and asks for a search")
     expect_line(application, f"use server {SECOND} port {PORT}", 40)
     addresses = lab.addresses()
-    expect(len(addresses) == 1 and SECOND_ADDRESSES.fullmatch(addresses[0]),
+    expect(len(addresses) == 1 and LEASED.fullmatch(addresses[0]),
            f"eth0 has {addresses}, expected one address of the second network's DHCP server")
     story.check(f"switched to the second server; eth0 has {addresses[0]}, by DHCP")
     return application
 
 
-def switch_back(lab, story, application):
-    story.heading("2. The second server dies, the first comes back, the cable is pulled and"
-                  " plugged: the switch back")
+def change_link(lab, story, application, arm):
+    """Gives the device the event that makes the library look again, towards the first network."""
+    if arm:
+        lab.flip_lan_switch(0)
+        expect_line(application, "the link changed", 10)
+    else:
+        lab.pull_cable()
+        expect_line(application, "the link changed", 10)
+        lab.plug_cable()
+    story.laboratory("the kernel has told of it")
+
+
+def switch_back(lab, story, application, arm):
+    event = ("the LAN switch is flipped" if arm
+             else "the cable is pulled and plugged")
+    story.heading(f"2. The second server dies, the first comes back, {event}: the switch back")
     lab.stop_server(SECOND)
     story.laboratory("the second server is off")
-    lab.start_server(FIRST, story.accept("first"))
+    lab.start_server(FIRST)
     story.laboratory(f"the first server accepts on {FIRST}:{PORT}")
-    story.laboratory("the cable is pulled")
-    lab.pull_cable()
-    expect_line(application, "the link changed", 10)
-    story.laboratory("the cable is plugged in again")
-    lab.plug_cable()
+    change_link(lab, story, application, arm)
     expect_line(application, f"use server {FIRST} port {PORT}", 40)
     expect(lab.addresses() == [FIRST_ADDRESS],
            f"eth0 has {lab.addresses()}, expected {FIRST_ADDRESS}")
     story.check(f"switched back to the first server; eth0 has {FIRST_ADDRESS}, as configured")
 
 
-def fail(lab, story, application):
+def fail(lab, story, command):
     story.heading("3. Both servers are dead: the failure, after 120 seconds")
     lab.stop_server(FIRST)
     story.laboratory("both servers are off")
-    story.laboratory("the cable is pulled")
-    lab.pull_cable()
-    expect_line(application, "the link changed", 10)
-    story.laboratory("the cable is plugged in again: the library searches, for 2 minutes")
     begin = time.monotonic()
-    lab.plug_cable()
+    application = lab.start_application(command, story.application_line)
+    story.laboratory("the application starts anew and asks for a search, for 2 minutes")
     expect_line(application, f"no server: {FAILURE} (-1)", 180)
     elapsed = time.monotonic() - begin
     expect(elapsed >= 120, f"the failure came after {elapsed:.1f} s, before the 120 s were over")
@@ -141,10 +152,11 @@ def tell(lab, story, options):
     story.laboratory("up: NetworkManager, a DHCP server, two networks on one cable")
     story.laboratory(f"the application's configuration is written: {path}")
     lab.watch_addresses(story.address_line)
-    application = switch_to_second(lab, story, [options.application])
-    switch_back(lab, story, application)
+    application = switch_to_second(lab, story, options.application)
+    switch_back(lab, story, application, options.arm)
+    application.stop()
     if options.full:
-        fail(lab, story, application)
+        fail(lab, story, options.application)
     else:
         story.heading("3. Both servers dead, the failure after 120 seconds: skipped, run"
                       " script/demo --full for it")
@@ -156,20 +168,22 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--full", action="store_true")
     parser.add_argument("--verbose", action="store_true")
-    parser.add_argument("application")
+    parser.add_argument("--arm", action="store_true",
+                        help="the application is built for ARM: the LAN switch instead of the cable")
+    parser.add_argument("application", nargs="+", help="the command line that runs it")
     options = parser.parse_args()
 
     story = Story(options.verbose)
-    story.heading(f"Server 1 is {FIRST}: the device needs the static address {FIRST_ADDRESS}.\n"
+    processor = "ARM, run by an emulator" if options.arm else "this machine"
+    story.heading(f"The library is built for {processor}.\n"
+                  f"Server 1 is {FIRST}: the device needs the static address {FIRST_ADDRESS}.\n"
                   f"Server 2 is {SECOND}: the device gets an address by DHCP.")
-    manager_log = []
     try:
-        with Laboratory() as lab:
-            manager_log = lab.manager.lines
+        with Laboratory(Timeline(story.event)) as lab:
             tell(lab, story, options)
     except (StepFailed, LaboratoryError) as failure:
         print("\nThe library's log:", *story.log, sep="\n  ")
-        print("NetworkManager's last lines:", *manager_log[-20:], sep="\n  ")
+        print("NetworkManager's last lines:", *story.manager_log[-20:], sep="\n  ")
         print(f"\nNot as it should be: {failure}", file=sys.stderr)
         return 1
     print("\nEverything shown was checked. The laboratory is gone; nothing on this machine has"

@@ -1,29 +1,58 @@
 # SPDX-License-Identifier: MIT
-"""A laboratory for the whole system on one machine: the real NetworkManager, a DHCP server, two TCP
-servers and a cable that can be pulled. Runs inside script/sandbox, as its first user, and ends with
-it; nothing outside the sandbox is touched.
+"""A laboratory for the whole system on one machine: the real NetworkManager, a DHCP server, TCP
+servers, a cable that can be pulled and a LAN switch that can be flipped. Runs inside script/sandbox,
+as its first user, and ends with it; nothing outside the sandbox is touched.
 
 The device's end of the cable is eth0. The servers' end, port0, lies in a network namespace of its
 own and has one address in each of two networks.
 """
 
 import contextlib
+import ctypes
+import dataclasses
 import json
 import os
 import pathlib
-import queue
+import re
 import shutil
+import signal
+import socket
 import stat
+import struct
 import subprocess
 import sys
 import tempfile
 import threading
 import time
 
-FIRST = "198.51.100.1"  # the first network, TEST-NET-2: static addressing
-SECOND = "192.0.2.1"  # the second network, TEST-NET-1: its DHCP server gives .100 to .150
 PORT = 9000
 CONNECTION = "lan"
+LAN_SWITCH = "/devices/virtual/switch/lan-switch"
+
+
+@dataclasses.dataclass(frozen=True)
+class Network:
+    """A network of the laboratory, with its server's address and what the device has there."""
+    prefix: str
+    name: str
+
+    @property
+    def server(self):
+        return self.prefix + ".1"
+
+    @property
+    def device(self):
+        """The device's address, where it is configured as static."""
+        return self.prefix + ".2"
+
+    @property
+    def dns(self):
+        return [self.prefix + ".53", self.prefix + ".54"]
+
+
+NET1 = Network("198.51.100", "first")  # TEST-NET-2, without a DHCP server
+NET2 = Network("192.0.2", "second")  # TEST-NET-1, its DHCP server gives .100 to .150
+LEASED = re.compile(re.escape(NET2.prefix) + r"\.1([0-4][0-9]|50)/24")
 
 BUS_CONFIGURATION = """<busconfig>
   <type>system</type>
@@ -38,6 +67,7 @@ BUS_CONFIGURATION = """<busconfig>
 </busconfig>
 """
 
+# The loopback interface is left alone: NetworkManager from 1.42 on lists it as an active connection.
 MANAGER_CONFIGURATION = """[main]
 plugins=keyfile
 dhcp=internal
@@ -45,20 +75,13 @@ dns=none
 no-auto-default=*
 auth-polkit=false
 
-[device-eth0]
-match-device=interface-name:eth0
-managed=1
-"""
+[device-lo]
+match-device=interface-name:lo
+managed={manage_loopback}
 
-# Accepts and closes; one line for each thing that happens.
-SERVER = """
-import socket, sys
-listener = socket.create_server((sys.argv[1], int(sys.argv[2])), backlog=16)
-print("listening", flush=True)
-while True:
-    connection, peer = listener.accept()
-    connection.close()
-    print("accepted", peer[0], flush=True)
+[device-wired]
+match-device=interface-name:eth*
+managed=1
 """
 
 
@@ -86,14 +109,40 @@ def wait_until(condition, seconds, what):
         time.sleep(0.01)
 
 
+class Timeline:
+    """What happened, in order: (seconds of the monotonic clock, who, what)."""
+
+    def __init__(self, on_event=None):
+        self.begin = time.monotonic()
+        self.events = []
+        self._on_event = on_event
+        self._lock = threading.Lock()
+
+    def add(self, who, what, when=None):
+        event = (time.monotonic() if when is None else when, who, what)
+        with self._lock:
+            self.events.append(event)
+        if self._on_event:
+            self._on_event(*event)
+
+    def lines(self, *left_out):
+        """The events as text, without those of the ones left out."""
+        with self._lock:
+            events = sorted(self.events, key=lambda event: event[0])
+        return [f"{when - self.begin:8.3f} s  {who:<12} {what}"
+                for when, who, what in events if who not in left_out]
+
+
 class Program:
     """A program that runs in the background and whose lines are read as they come."""
 
-    def __init__(self, command, on_line=None):
+    def __init__(self, command, on_line=None, stdin=subprocess.DEVNULL):
         self.lines = []
-        self._news = queue.Queue()
+        self._news = threading.Condition()
+        self._looked_at = 0
+        self._ended = False
         self._on_line = on_line
-        self._process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+        self._process = subprocess.Popen(command, stdin=stdin, stdout=subprocess.PIPE,
                                          stderr=subprocess.STDOUT, encoding="utf-8",
                                          errors="replace")
         self._reader = threading.Thread(target=self._read, daemon=True)
@@ -102,11 +151,14 @@ class Program:
     def _read(self):
         for line in self._process.stdout:
             line = line.rstrip("\n")
-            self.lines.append(line)
             if self._on_line:
                 self._on_line(line)
-            self._news.put(line)
-        self._news.put(None)
+            with self._news:
+                self.lines.append(line)
+                self._news.notify_all()
+        with self._news:
+            self._ended = True
+            self._news.notify_all()
 
     @property
     def pid(self):
@@ -115,22 +167,34 @@ class Program:
     def running(self):
         return self._process.poll() is None
 
+    def say(self, line):
+        """Writes a line to the program's standard input."""
+        self._process.stdin.write(line + "\n")
+        self._process.stdin.flush()
+
     def wait_for(self, wanted, seconds):
         """Returns the next line, not looked at before, for which wanted(line) holds."""
         end = time.monotonic() + seconds
-        while True:
-            try:
-                line = self._news.get(timeout=max(0.0, end - time.monotonic()))
-            except queue.Empty:
-                return None
-            if line is None:
-                self._news.put(None)
-                return None
-            if wanted(line):
-                return line
+        with self._news:
+            while True:
+                while self._looked_at < len(self.lines):
+                    line = self.lines[self._looked_at]
+                    self._looked_at += 1
+                    if wanted(line):
+                        return line
+                left = end - time.monotonic()
+                if self._ended or left <= 0:
+                    return None
+                self._news.wait(left)
+
+    def send(self, number):
+        """Sends it a signal."""
+        self._process.send_signal(number)
 
     def stop(self):
         if self.running():
+            # A stopped process would not notice a request to end.
+            self._process.send_signal(signal.SIGCONT)
             self._process.terminate()
             try:
                 self._process.wait(10)
@@ -140,14 +204,62 @@ class Program:
         self._reader.join(10)
 
 
+class Server:
+    """Accepts on the servers' side, and closes each connection at once."""
+
+    def __init__(self, namespace, address, on_accept):
+        self._on_accept = on_accept
+        self._socket = None
+        self._thread = threading.Thread(target=self._serve, daemon=True)
+        maker = threading.Thread(target=self._make, args=(namespace, address))
+        maker.start()
+        maker.join()
+        if self._socket is None:
+            raise LaboratoryError(f"no server can be made on {address}:{PORT}")
+
+    def _make(self, namespace, address):
+        # Only this thread enters the other namespace; the socket stays there.
+        with open(namespace, "rb") as descriptor:
+            clone_newnet = 0x40000000
+            if ctypes.CDLL(None, use_errno=True).setns(descriptor.fileno(), clone_newnet) != 0:
+                return
+        made = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        made.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        made.bind((address, PORT))
+        self._socket = made
+
+    def listen(self, backlog=16):
+        """Until now connections were refused."""
+        self._socket.listen(backlog)
+        self._thread.start()
+
+    def _serve(self):
+        with contextlib.suppress(OSError):
+            while True:
+                connection, peer = self._socket.accept()
+                connection.close()
+                self._on_accept(peer[0])
+
+    def stop(self):
+        # Wakes the thread that accepts, which closing would not do.
+        with contextlib.suppress(OSError):
+            self._socket.shutdown(socket.SHUT_RDWR)
+        if self._thread.is_alive():
+            self._thread.join(10)
+        self._socket.close()
+
+
 class Laboratory:
     """Raised by `with Laboratory() as lab`."""
 
-    def __init__(self):
+    def __init__(self, timeline=None, manage_loopback=False):
+        self.timeline = timeline or Timeline()
+        self._manage_loopback = manage_loopback
         self._stack = contextlib.ExitStack()
         self._folder = None
         self._servers = {}
         self._servers_side = None
+        self._dhcp = None
         self.manager = None
 
     def __enter__(self):
@@ -164,8 +276,10 @@ class Laboratory:
         self._folder = pathlib.Path(self._stack.enter_context(tempfile.TemporaryDirectory()))
         try:
             self._raise_cable()
-            self._raise_dhcp()
-            self._raise_manager()
+            self.start_dhcp()
+            self._raise_bus()
+            self.start_manager()
+            self.add_profile(CONNECTION)
         except BaseException:
             self._stack.close()
             raise
@@ -182,6 +296,9 @@ class Laboratory:
         self._stack.callback(program.stop)
         return program
 
+    def _note(self, who):
+        return lambda line: self.timeline.add(who, line)
+
     def there(self, *command):
         """The command line that runs a command on the servers' side."""
         return ("nsenter", "-t", str(self._servers_side.pid), "-n", *command)
@@ -192,27 +309,22 @@ class Laboratory:
         theirs = f"/proc/{self._servers_side.pid}/ns/net"
         wait_until(lambda: self._servers_side.running() and os.readlink(theirs) != own, 5,
                    "the servers' namespace")
-        run("ip", "link", "add", "eth0", "type", "veth", "peer", "name", "port0", "netns",
-            str(self._servers_side.pid))
-        for address in (FIRST, SECOND):
-            run(*self.there("ip", "address", "add", address + "/24", "dev", "port0"))
+        self._add_cable("eth0", "port0")
+        for network in (NET1, NET2):
+            run(*self.there("ip", "address", "add", network.server + "/24", "dev", "port0"))
         run(*self.there("ip", "link", "set", "lo", "up"))
-        run(*self.there("ip", "link", "set", "port0", "up"))
-        run("ip", "link", "set", "eth0", "up")
 
-    def _raise_dhcp(self):
-        network = SECOND.rsplit(".", 1)[0]
-        dhcp = self._start(self.there(
-            "dnsmasq", "-d", "--port=0", "--conf-file=/dev/null", "--user=root", "--group=root",
-            "--interface=port0", "--bind-interfaces", "--leasefile-ro",
-            f"--dhcp-range={network}.100,{network}.150,255.255.255.0,1h"))
-        if not dhcp.wait_for(lambda line: "DHCP, IP range" in line, 10):
-            raise LaboratoryError("the DHCP server does not start:\n" + "\n".join(dhcp.lines))
+    def _add_cable(self, here, there):
+        run("ip", "link", "add", here, "type", "veth", "peer", "name", there, "netns",
+            str(self._servers_side.pid))
+        run(*self.there("ip", "link", "set", there, "up"))
+        run("ip", "link", "set", here, "up")
 
-    def _raise_manager(self):
+    def _raise_bus(self):
         settings = self._folder / "NetworkManager"
         (settings / "system-connections").mkdir(parents=True)
-        (settings / "NetworkManager.conf").write_text(MANAGER_CONFIGURATION)
+        (settings / "NetworkManager.conf").write_text(
+            MANAGER_CONFIGURATION.format(manage_loopback=int(self._manage_loopback)))
         run("mount", "-t", "tmpfs", "tmpfs", "/var/lib/NetworkManager")
         run("mount", "--bind", str(settings), "/etc/NetworkManager")
         bus = self._folder / "bus"
@@ -221,58 +333,154 @@ class Laboratory:
         os.environ["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={bus}"
         self._start(["dbus-daemon", f"--config-file={configuration}", "--nofork"])
         wait_until(bus.exists, 10, "the message bus")
-        self.manager = self._start(["NetworkManager", "--no-daemon"])
-        try:
-            wait_until(lambda: run("nmcli", "-t", "-f", "RUNNING", "general", check=False).strip()
-                       == "running", 20, "NetworkManager")
-        except LaboratoryError as late:
-            raise LaboratoryError("\n".join([str(late), *self.manager.lines[-20:]])) from None
-        run("nmcli", "connection", "add", "type", "ethernet", "ifname", "eth0", "con-name",
-            CONNECTION, "ipv4.method", "auto", "connection.autoconnect", "no", "ipv6.method",
-            "disabled")
 
     # What a person could do to the network.
 
+    def start_dhcp(self):
+        """Lets the DHCP server of NET2 answer. It names no router."""
+        self._dhcp = self._start(self.there(
+            "dnsmasq", "-d", "--port=0", "--conf-file=/dev/null", "--user=root", "--group=root",
+            "--interface=port0", "--bind-interfaces", "--leasefile-ro", "--dhcp-option=3",
+            f"--dhcp-range={NET2.prefix}.100,{NET2.prefix}.150,255.255.255.0,1h"),
+            on_line=self._note("dhcp"))
+        if not self._dhcp.wait_for(lambda line: "DHCP, IP range" in line, 10):
+            raise LaboratoryError("the DHCP server does not start:\n"
+                                  + "\n".join(self._dhcp.lines))
+
+    def stop_dhcp(self):
+        self._dhcp.stop()
+
     def start_server(self, address, on_accept=None):
         """Lets the server at the address accept connections from now on."""
-        server = self._start(self.there("/usr/bin/python3", "-c", SERVER, address, str(PORT)),
-                             on_line=on_accept)
-        if not server.wait_for(lambda line: line == "listening", 10):
-            raise LaboratoryError(f"the server {address} does not listen: {server.lines}")
+        self.prepare_server(address, on_accept).listen()
+
+    def prepare_server(self, address, on_accept=None):
+        """A server that refuses connections until its listen()."""
+        def note(peer):
+            self.timeline.add("server", f"{address} accepted a connection from {peer}")
+            if on_accept:
+                on_accept(peer)
+        server = Server(f"/proc/{self._servers_side.pid}/ns/net", address, note)
         self._servers[address] = server
+        return server
 
     def stop_server(self, address):
         self._servers.pop(address).stop()
 
     def pull_cable(self):
+        self.timeline.add("person", "pulls the cable")
         run(*self.there("ip", "link", "set", "port0", "down"))
+        self._wait_for_link("lowerlayerdown", "down")
 
     def plug_cable(self):
+        self.timeline.add("person", "plugs the cable")
         run(*self.there("ip", "link", "set", "port0", "up"))
+        self._wait_for_link("up")
+
+    @staticmethod
+    def _wait_for_link(*states):
+        # The kernel tells of it later, by up to a second.
+        state = pathlib.Path("/sys/class/net/eth0/operstate")
+        wait_until(lambda: state.read_text().strip() in states, 10, f"eth0 {states[0]}")
+
+    def add_second_cable(self):
+        """Another wired interface, eth1, which leads nowhere."""
+        self._add_cable("eth1", "port1")
+
+    def lose_answers_to(self, address):
+        """Makes a black hole of the servers for the device at the address: it can be resolved, but
+        all packets to it go to a machine that is not there."""
+        run(*self.there("ip", "neighbour", "replace", address, "lladdr", "02:00:00:00:00:99",
+                        "dev", "port0", "nud", "permanent"))
+
+    @staticmethod
+    def send_uevent(summary, *settings):
+        """Hands the kernel a uevent, which it broadcasts in this network namespace and ends with a
+        SEQNUM of its own."""
+        payload = b"".join(text.encode() + b"\0" for text in (summary, *settings))
+        netlink_kobject_uevent, message_type, request = 15, 16, 1
+        header = struct.pack("=IHHII", 16 + len(payload), message_type, request, 0, 0)
+        with socket.socket(socket.AF_NETLINK, socket.SOCK_DGRAM, netlink_kobject_uevent) as sender:
+            sender.sendto(header + payload, (0, 0))
+
+    def flip_lan_switch(self, state):
+        self.timeline.add("person", f"flips the LAN switch to {state}")
+        self.send_uevent(f"change@{LAN_SWITCH}", "ACTION=change", f"DEVPATH={LAN_SWITCH}",
+                         "SUBSYSTEM=switch", "SWITCH_NAME=lan-switch", f"SWITCH_STATE={state}")
+
+    # NetworkManager and its profiles.
+
+    def start_manager(self):
+        self.manager = self._start(["NetworkManager", "--debug"],
+                                   on_line=self._note("manager"))
+        try:
+            wait_until(lambda: run("nmcli", "-t", "-f", "RUNNING", "general", check=False).strip()
+                       == "running", 20, "NetworkManager")
+        except LaboratoryError as late:
+            raise LaboratoryError("\n".join([str(late), *self.manager.lines[-20:]])) from None
+
+    def kill_manager(self):
+        self.timeline.add("person", "kills NetworkManager")
+        self.manager.send(signal.SIGKILL)
+        self.manager.stop()
+
+    @staticmethod
+    def add_profile(name, interface="eth0", *settings):
+        run("nmcli", "connection", "add", "type", "ethernet", "ifname", interface, "con-name",
+            name, *(settings or ("ipv4.method", "auto")), "connection.autoconnect", "no",
+            "ipv6.method", "disabled")
+
+    @staticmethod
+    def make_profiles_read_only(read_only):
+        """Whether NetworkManager can store its profiles."""
+        folder = "/etc/NetworkManager/system-connections"
+        if read_only:
+            run("mount", "--bind", folder, folder)
+            run("mount", "-o", "remount,bind,ro", folder)
+        else:
+            run("umount", folder)
 
     # What the device is like now.
 
     @staticmethod
-    def addresses():
-        """The IPv4 addresses of eth0, each with its prefix length."""
-        shown = json.loads(run("ip", "-j", "-4", "address", "show", "dev", "eth0"))
+    def addresses(interface="eth0"):
+        """The interface's IPv4 addresses, each with its prefix length."""
+        shown = json.loads(run("ip", "-j", "-4", "address", "show", "dev", interface))
         return [f"{entry['local']}/{entry['prefixlen']}"
                 for interface in shown for entry in interface.get("addr_info", [])]
+
+    @staticmethod
+    def default_gateway():
+        """The default route's gateway, or nothing."""
+        routes = json.loads(run("ip", "-j", "route", "show", "default"))
+        return routes[0]["gateway"] if routes else None
+
+    @staticmethod
+    def name_servers():
+        return run("nmcli", "-g", "IP4.DNS", "device", "show", "eth0").strip().split(" | ")
+
+    @staticmethod
+    def profile(setting, name=CONNECTION):
+        """A setting of a profile, as nmcli tells it."""
+        return run("nmcli", "-g", setting, "connection", "show", name).strip()
 
     def watch_addresses(self, on_line):
         """Calls on_line with a line of `ip monitor` for each change of eth0's addresses."""
         self._start(["ip", "-o", "-4", "monitor", "address", "dev", "eth0"], on_line=on_line)
 
-    def start_application(self, command, on_line=None):
-        """Runs the application under test, in the laboratory's HOME."""
-        return self._start(command, on_line=on_line)
+    def start_application(self, command, on_line=None, stdin=subprocess.DEVNULL):
+        """Runs an application under test, in the laboratory's HOME."""
+        return self._start(command, on_line=on_line, stdin=stdin)
+
+
+def configuration_path(application):
+    return pathlib.Path(os.environ["HOME"]) / "Documents" / application / "switch.ini"
 
 
 def write_configuration(application, values):
     """Writes the application's switch.ini."""
-    folder = pathlib.Path(os.environ["HOME"]) / "Documents" / application
-    folder.mkdir(parents=True, exist_ok=True)
-    path = folder / "switch.ini"
+    path = configuration_path(application)
+    path.parent.mkdir(parents=True, exist_ok=True)
     lines = ["[General]"] + [f"{key}={value}" for key, value in values.items()]
     path.write_text("\n".join(lines) + "\n", encoding="utf-8")
     return path

@@ -1,0 +1,236 @@
+# SPDX-License-Identifier: MIT
+"""The laboratory's application as its scenarios see it: what it is told to do, what it tells, and
+what it holds of the machine. See application/main.cpp."""
+
+import collections
+import os
+import pathlib
+import re
+import subprocess
+
+from laboratory import PORT, LaboratoryError, wait_until
+
+EVENT = re.compile(r"@(\d+\.\d+) (\w+) ?(.*)")
+COMMAND = re.compile(r' (?:execute the )?cmd:  ?"(.*?)" ?(?:result|bb  result:)')
+FAILURE = "网络切换超时，请检查双网配置信息或网络线路"
+
+Event = collections.namedtuple("Event", "when kind text")
+
+
+class Unexpected(Exception):
+    """Something that had to be seen was not, or something else was."""
+
+
+def check(condition, what):
+    if not condition:
+        raise Unexpected(what)
+
+
+def check_equal(seen, expected, what):
+    check(seen == expected, f"{what}:\n  seen:     {seen}\n  expected: {expected}")
+
+
+def _read(path):
+    """The text of a file of /proc, whose thread may just have ended."""
+    try:
+        return path.read_text()
+    except (FileNotFoundError, ProcessLookupError):
+        return ""
+
+
+def success(network):
+    """The signal of a search or a link event that reached the network's server."""
+    return f"switchSuccess {network.server} {PORT}"
+
+
+class Application:
+    """Runs until the laboratory ends. Signals have to come exactly as they are expected: one after
+    the other, and none beside them."""
+
+    def __init__(self, lab, command):
+        self._lab = lab
+        self.events = []
+        self._of_kind = collections.defaultdict(list)
+        self._looked_at = collections.Counter()
+        self._fences = 0
+        self._program = lab.start_application(command, on_line=self._note, stdin=subprocess.PIPE)
+        self._next("ready", lambda event: True, 30, "the application does not start")
+        wait_until(self._watcher_waits, 30, "the watcher does not listen")
+        wait_until(self._asleep, 30, "the application's threads do not come to rest")
+        self.at_first = self.holds()
+
+    def _note(self, line):
+        if match := EVENT.match(line):
+            event = Event(float(match[1]), match[2], match[3])
+        else:
+            event = Event(None, "output", line)
+        self.events.append(event)
+        self._of_kind[event.kind].append(event)
+        who = {"log": "library log", "output": "output"}.get(event.kind, "application")
+        self._lab.timeline.add(who, event.text if who != "application"
+                               else f"{event.kind} {event.text}", event.when)
+
+    def _next(self, kind, wanted, seconds, what):
+        """The next event of the kind, not looked at before, for which wanted(event) holds."""
+        def find():
+            events = self._of_kind[kind]
+            while self._looked_at[kind] < len(events):
+                event = events[self._looked_at[kind]]
+                self._looked_at[kind] += 1
+                if wanted(event):
+                    return event
+            check(self._program.running(), "the application has ended")
+            return None
+        try:
+            return wait_until(find, seconds, what)
+        except LaboratoryError as late:
+            raise Unexpected(str(late)) from None
+
+    # What it is told to do.
+
+    def tell(self, *words):
+        """Gives it a command and waits until that has been carried out."""
+        self._program.say("\t".join(words))
+        self._next("done", lambda event: event.text == words[0], 30, f"not done: {words[0]}")
+
+    def start(self):
+        """Emits start(); returns the time."""
+        self.tell("start")
+        return self.expect_signal("start")
+
+    def save_servers(self, enabled, first, second):
+        self.tell("servers", str(enabled).lower(), first, str(PORT), second, str(PORT))
+
+    def save_addressing(self, which, addressing):
+        """Calls the writer of the "first" or the "second" network's addressing."""
+        self.tell(which, *addressing.values())
+
+    def end(self):
+        self._program.stop()
+
+    # What it tells.
+
+    def expect_signal(self, text, within=30):
+        """The next signal is this one; returns its time."""
+        event = self._next("signal", lambda event: True, within, f"no signal {text}")
+        check_equal(event.text, text, "another signal came")
+        return event.when
+
+    def expect_failure(self, within=30):
+        return self.expect_signal(f"switchFailed -1 {FAILURE}", within)
+
+    def expect_log(self, pattern, within=30, times=1):
+        """So many further log lines match; returns the last one's time."""
+        for _ in range(times):
+            event = self._next("log", lambda event: re.search(pattern, event.text), within,
+                               f"the library does not log: {pattern}")
+        return event.when
+
+    def expect_output(self, pattern, within=30):
+        self._next("output", lambda event: re.search(pattern, event.text), within,
+                   f"the library does not print: {pattern}")
+
+    def logged(self, pattern):
+        """How many log lines match so far."""
+        return sum(re.search(pattern, event.text) is not None for event in self._of_kind["log"])
+
+    def printed(self, pattern):
+        """How many lines of standard output match so far."""
+        return sum(re.search(pattern, event.text) is not None for event in self._of_kind["output"])
+
+    def commands(self):
+        """The command lines that changed something, so far."""
+        return [match[1] for event in self._of_kind["log"]
+                if (match := COMMAND.search(event.text))]
+
+    def answer(self, question):
+        """The number that it answers to a question."""
+        self.tell(question)
+        event = self._next(question, lambda event: True, 30, f"no answer to {question}")
+        return int(event.text)
+
+    def settle(self, within=60):
+        """Waits until all three threads have dealt with everything that had happened before."""
+        while True:
+            seen = len(self._of_kind["signal"])
+            wait_until(self._watcher_waits, within, "the watcher does not come to rest")
+            self._fences += 1
+            name = str(self._fences)
+            self.tell("fence", name)
+            self._next("fence", lambda event, name=name: event.text == name, within,
+                       "the library does not come to rest")
+            if len(self._of_kind["signal"]) == seen and self._watcher_waits():
+                return
+
+    def signals_until_rest(self):
+        """All signals that nobody has looked at, once all have come to rest."""
+        self.settle()
+        left = [event.text for event in self._of_kind["signal"][self._looked_at["signal"]:]]
+        self._looked_at["signal"] += len(left)
+        return left
+
+    def expect_no_signal(self):
+        """Nothing was signalled but what was expected, now that all have come to rest."""
+        check_equal(self.signals_until_rest(), [], "signals that nobody expected")
+
+    # What it holds of the machine.
+
+    def _process(self, *path):
+        return pathlib.Path("/proc", str(self._program.pid), *path)
+
+    def _tasks(self):
+        return list(self._process("task").iterdir())
+
+    def _asleep(self):
+        return all(_read(task / "stat").rpartition(")")[2].split()[:1] == ["S"]
+                   for task in self._tasks())
+
+    def _files(self):
+        names = []
+        for entry in self._process("fd").iterdir():
+            # One that is closed meanwhile is none.
+            try:
+                names.append(os.readlink(entry))
+            except FileNotFoundError:
+                pass
+        return names
+
+    def holds(self):
+        """How many descriptors, threads and children it has."""
+        children = " ".join(_read(task / "children") for task in self._tasks())
+        return {"descriptors": len(self._files()), "threads": len(self._tasks()),
+                "children": len(children.split())}
+
+    def netlink_queue(self):
+        """How many bytes wait in the watcher's socket; nothing before it is bound."""
+        own = {match[1] for name in self._files() if (match := re.match(r"socket:\[(\d+)\]", name))}
+        for line in pathlib.Path("/proc/net/netlink").read_text().splitlines()[1:]:
+            _, protocol, _, groups, queued, *_, inode = line.split()
+            if inode in own and (protocol, int(groups, 16)) in (("0", 1), ("15", 0xFFFFFFFF)):
+                return int(queued)
+        return None
+
+    def _watcher_waits(self):
+        check(self._program.running(), "the application has ended")
+        watchers = [task for task in self._tasks()
+                    if _read(task / "comm").strip() == "CAddressWatcher"]
+        return (self.netlink_queue() == 0 and len(watchers) == 1
+                and "wait_for_more_packets" in _read(watchers[0] / "wchan"))
+
+    def processor_seconds(self):
+        """The processor time that it has used so far."""
+        times = self._process("stat").read_text().rpartition(")")[2].split()
+        return (int(times[11]) + int(times[12])) / os.sysconf("SC_CLK_TCK")
+
+    def finish(self):
+        """What holds at the end of every scenario."""
+        self.expect_no_signal()
+        stalls = [event.text for event in self._of_kind["stall"]]
+        check_equal(stalls, [], "the event loop was kept from running, for so many ms")
+        def no_more():
+            now = self.holds()
+            return all(now[what] <= self.at_first[what] for what in now)
+        try:
+            wait_until(no_more, 5, "")
+        except LaboratoryError:
+            check_equal(self.holds(), self.at_first, "the application holds more than at first")

@@ -1,0 +1,203 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: MIT
+"""Tests of the laboratory itself: a scenario in which something is wrong has to fail, and to say
+what. itself.py APPLICATION"""
+
+import contextlib
+import io
+import os
+import pathlib
+import subprocess
+import sys
+import unittest
+
+import run
+from application import check_equal, success
+from laboratory import NET1, NET2, write_configuration
+from scenario import SCENARIOS, dhcp, scenario, static
+
+APPLICATION = ""
+
+
+def play(function):
+    """Plays a scenario in a sandbox of its own; returns its exit status and what it printed."""
+    done = subprocess.run([run.SANDBOX, "/usr/bin/python3", "-B", __file__, "--play",
+                           function.__name__, APPLICATION], stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, check=False)
+    return done.returncode, done.stdout
+
+
+def searched(lab):
+    """An application after a search."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.start_server(NET1.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET1))
+    return app
+
+
+@scenario(only="itself")
+def nothing_wrong(lab):
+    """Nothing is wrong."""
+    searched(lab)
+
+
+@scenario(only="itself")
+def stalled_event_loop(lab):
+    """The event loop is kept for 80 ms."""
+    searched(lab).tell("stall", "80")
+
+
+@scenario(only="itself")
+def event_loop_kept_a_little(lab):
+    """The event loop is kept for 30 ms, which is allowed."""
+    searched(lab).tell("stall", "30")
+
+
+@scenario(only="itself")
+def leaked_descriptor(lab):
+    """A descriptor stays open."""
+    searched(lab).tell("leak", "descriptor")
+
+
+@scenario(only="itself")
+def leaked_thread(lab):
+    """A thread goes on."""
+    searched(lab).tell("leak", "thread")
+
+
+@scenario(only="itself")
+def leaked_child(lab):
+    """A child process stays."""
+    searched(lab).tell("leak", "child")
+
+
+@scenario(only="itself")
+def signal_too_many(lab):
+    """A search that nobody mentions."""
+    searched(lab).tell("start")
+
+
+@scenario(only="itself")
+def another_signal(lab):
+    """Another server is expected than the one that answers."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.start_server(NET1.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2))
+
+
+@scenario(only="itself")
+def signal_missing(lab):
+    """A signal that does not come."""
+    searched(lab).expect_signal("switchBegin", within=1)
+
+
+@scenario(only="itself")
+def application_ended(lab):
+    """The application ends in the middle."""
+    app = searched(lab)
+    app.end()
+    app.expect_signal("switchBegin")
+
+
+@scenario(only="itself")
+def fault_of_the_scenario(lab):
+    """The scenario itself is wrong."""
+    check_equal(lab.no_such_thing, 1, "nothing")
+
+
+@scenario(only="itself")
+def device_node_replaced(_lab):
+    """Something made a plain file of /dev/null."""
+    pathlib.Path("/sandbox/plain").touch()
+    subprocess.run(["mount", "--bind", "/sandbox/plain", "/dev/null"], check=True)
+
+
+class Faults(unittest.TestCase):
+    """Each scenario above, with what has to be said of it."""
+
+    def fails(self, function, *texts):
+        status, printed = play(function)
+        self.assertEqual(status, 1, printed)
+        verdict = printed.rpartition("\nNot as it should be: ")[2]
+        for text in texts:
+            self.assertIn(text, verdict)
+        return printed
+
+    def test_nothing(self):
+        status, printed = play(nothing_wrong)
+        self.assertEqual(status, 0, printed)
+
+    def test_stall(self):
+        self.fails(stalled_event_loop, "the event loop was kept from running", "8")
+
+    def test_short_stall(self):
+        status, printed = play(event_loop_kept_a_little)
+        self.assertEqual(status, 0, printed)
+
+    def test_descriptor(self):
+        self.fails(leaked_descriptor, "holds more than at first", "descriptors")
+
+    def test_thread(self):
+        self.fails(leaked_thread, "holds more than at first")
+
+    def test_child(self):
+        self.fails(leaked_child, "holds more than at first", "'children': 1")
+
+    def test_signals(self):
+        self.fails(signal_too_many, "signals that nobody expected", "'start'", success(NET1))
+
+    def test_another(self):
+        printed = self.fails(another_signal, "another signal came", success(NET1))
+        # It explains itself: the timeline has all who took part.
+        for who in ("library log  info [ loadConfig ]", "manager ", "dhcp ", "application  signal",
+                    "server       198.51.100.1 accepted"):
+            self.assertIn(who, printed)
+
+    def test_missing(self):
+        self.fails(signal_missing, "no signal switchBegin: not within 1 s")
+
+    def test_ended(self):
+        self.fails(application_ended, "the application has ended")
+
+    def test_fault(self):
+        self.fails(fault_of_the_scenario, "AttributeError", "no_such_thing")
+
+    def test_device_node(self):
+        self.fails(device_node_replaced, "/dev/null is no character device any more")
+
+    def test_fingerprint(self):
+        before = run.fingerprint()
+        self.assertEqual(before, run.fingerprint())
+        path = write_configuration("laboratory", {})
+        self.assertNotEqual(before, run.fingerprint())
+        path.unlink()
+        path.parent.rmdir()
+        subprocess.run(["ip", "link", "set", "lo", "down"], check=True)
+        self.assertNotEqual(before, run.fingerprint())
+        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+        self.assertEqual(before, run.fingerprint())
+        pathlib.Path("/userdata/netSettings.ini").touch()
+        self.assertNotEqual(before, run.fingerprint())
+        pathlib.Path("/userdata/netSettings.ini").unlink()
+
+    def test_usage(self):
+        for arguments, text in ((["no_such", "native", "true"], "there is no scenario no_such"),
+                                (["no_file"], "run.py SCENARIO"),
+                                (["lan_switch_to_0", "native", "true"], "lan_switch_to_0 for")):
+            printed = io.StringIO()
+            with contextlib.redirect_stderr(printed):
+                self.assertEqual(run.main(arguments), 64)
+            self.assertIn(text, printed.getvalue())
+
+
+if __name__ == "__main__":
+    APPLICATION = sys.argv.pop()
+    if sys.argv[1:2] == ["--play"]:
+        sys.exit(run.play(SCENARIOS[sys.argv[2]], "native", [APPLICATION]))
+    if os.environ.get("HOME") != "/sandbox/home":
+        os.execv(run.SANDBOX, [str(run.SANDBOX), "/usr/bin/python3", "-B", *sys.argv, APPLICATION])
+    unittest.main()

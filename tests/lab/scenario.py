@@ -1,0 +1,129 @@
+# SPDX-License-Identifier: MIT
+"""What a scenario is made of. A scenario is a function of one of the modules in scenarios/, with
+its situation as its text:
+
+    @scenario()
+    def first_server_alive(lab):
+        \"\"\"The first server accepts, and its network gives addresses by DHCP.\"\"\"
+        lab.configure(first=dhcp(NET2), second=dhcp(NET1))
+        lab.start_server(NET2.server)
+        app = lab.application()
+        app.start()
+        app.expect_signal(success(NET2))
+
+What holds in every scenario is looked at after its last step; see Application.finish().
+"""
+
+import re
+
+from application import Application, check, check_equal
+from laboratory import (CONNECTION, LEASED, PORT, Laboratory, configuration_path, run,
+                        write_configuration)
+
+SCENARIOS = {}
+NATIVE, ARM = "native", "arm"
+MASK24 = "255.255.255.0"
+
+
+def scenario(only=None, slow=False, **laboratory):
+    """Makes a scenario of a function: only on NATIVE (link notifications) or ARM (uevents); slow if
+    it takes more than some 40 s; what else it needs of the laboratory."""
+    def register(function):
+        check(function.__name__ not in SCENARIOS, f"two scenarios are named {function.__name__}")
+        function.only, function.slow, function.laboratory = only, slow, laboratory
+        SCENARIOS[function.__name__] = function
+        return function
+    return register
+
+
+def dhcp(network):
+    """Automatic addressing, beside the network's server."""
+    return {"server": network.server, "flag": "false", "ip": "", "mask": "", "gateway": "",
+            "dns1": "", "dns2": ""}
+
+
+def static(network, mask=MASK24, ip=None):
+    """Static addressing with all that belongs to it, beside the network's server."""
+    return {"server": network.server, "flag": "true", "ip": ip or network.device, "mask": mask,
+            "gateway": network.server, "dns1": network.dns[0], "dns2": network.dns[1]}
+
+
+def addressing(half):
+    """What the writers of a network's addressing take."""
+    return {key: value for key, value in half.items() if key != "server"}
+
+
+def automatic_commands(uuid):
+    return [f"nmcli connection modify uuid {uuid} ipv4.address '' ipv4.gateway '' ipv4.dns ''"
+            "  ipv4.method auto ", f"nmcli connection up uuid {uuid} "]
+
+
+def static_commands(uuid, half, prefix=24):
+    return [f"nmcli connection modify uuid {uuid} ipv4.addresses {half['ip']}/{prefix}"
+            f" ipv4.gateway {half['gateway']}  ipv4.dns {half['dns1']},{half['dns2']}"
+            " connection.autoconnect yes ipv4.method manual", f"nmcli connection up uuid {uuid} "]
+
+
+def fails(network):
+    """The pattern of a failed attempt's log line."""
+    return rf'connect to host fail:  "{network.server}" '
+
+
+def has_lease(lab):
+    """The device has one address, and it comes from the DHCP server."""
+    addresses = lab.addresses()
+    check(len(addresses) == 1 and LEASED.fullmatch(addresses[0]),
+          f"eth0 has {addresses}, expected one address by DHCP")
+
+
+def has_static(lab, network):
+    check_equal(lab.addresses(), [network.device + "/24"], "addresses of eth0")
+    check_equal(lab.default_gateway(), network.server, "default gateway")
+    check_equal(lab.name_servers(), network.dns, "name servers")
+    check_equal(lab.profile("ipv4.method"), "manual", "the profile's method")
+
+
+class Bench(Laboratory):
+    """The laboratory with one application in it."""
+
+    def __init__(self, timeline, command, processor, **options):
+        super().__init__(timeline, **options)
+        self._command = command
+        self.native = processor == NATIVE
+        self.app = None
+
+    def configure(self, first, second, enabled=True, connection=CONNECTION):
+        """Writes the application's configuration, whole."""
+        values = {"SwitchEnable": str(enabled).lower(), "connectionName": connection}
+        for which, half in (("First", first), ("Second", second)):
+            values |= {f"{which}ServerIp": half["server"], f"{which}ServerPort": PORT,
+                       f"{which}IsAutomatically": half["flag"], f"{which}LocalIp": half["ip"],
+                       f"{which}LocalMask": half["mask"],
+                       f"{which}LocalGateWay": half["gateway"],
+                       f"{which}PreferredDNS": half["dns1"], f"{which}SpareDNS": half["dns2"]}
+        return write_configuration("laboratory", values)
+
+    @property
+    def configuration(self):
+        return configuration_path("laboratory")
+
+    def application(self, *options, within=()):
+        """Starts the application; `within` is a command line that runs another."""
+        self.app = Application(self, [*within, *self._command, *options])
+        return self.app
+
+    @property
+    def uuid(self):
+        return self.profile("connection.uuid")
+
+    def give_address(self, half, connection=CONNECTION):
+        """Lets the device have an address before the application starts."""
+        if half["flag"] == "true":
+            run("nmcli", "connection", "modify", connection, "ipv4.method", "manual",
+                "ipv4.addresses", half["ip"] + "/24")
+        run("nmcli", "connection", "up", connection)
+
+    def activations(self):
+        """How many activations NetworkManager itself counts, successful or not."""
+        return sum(re.search(r'audit: op="connection-activate"', line) is not None
+                   for line in self.manager.lines)

@@ -1,0 +1,380 @@
+# SPDX-License-Identifier: MIT
+"""Searches: which server is reached, over which addressing, after how many attempts."""
+
+from application import check, check_equal, success
+from laboratory import NET1, NET2, run
+from scenario import (ARM, NATIVE, automatic_commands, dhcp, fails, has_lease, has_static, scenario,
+                      static, static_commands)
+
+
+@scenario()
+def first_server_alive_by_dhcp(lab):
+    """The first server accepts, and its network gives addresses by DHCP."""
+    lab.configure(first=dhcp(NET2), second=dhcp(NET1))
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2))
+    has_lease(lab)
+    check_equal(app.commands(), automatic_commands(lab.uuid), "commands")
+    check_equal(app.logged(fails(NET2)), 0, "failed attempts")
+
+
+@scenario()
+def second_static_server_alive(lab):
+    """Both networks are static. The first server is dead, the second accepts."""
+    lab.configure(first=static(NET1), second=static(NET2))
+    lab.give_address(dhcp(NET2))
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2))
+    has_static(lab, NET2)
+    check_equal(lab.profile("connection.autoconnect"), "yes", "the profile's autoconnect")
+    check_equal(app.logged(fails(NET1)), 20, "failed attempts")
+    first, second = static_commands(lab.uuid, static(NET1)), static_commands(lab.uuid, static(NET2))
+    check_equal(app.commands(), [*first, first[1], *second], "commands")
+
+
+@scenario(slow=True)
+def both_servers_dead(lab):
+    """Neither server accepts: the failure, when the pass that began last is over."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    app = lab.application()
+    began = app.start()
+    failed = app.expect_failure(within=180)
+    passes = [event.when for event in app.events
+              if event.kind == "log" and "/24 ipv4.gateway" in event.text]
+    check(120 <= failed - began, f"the failure came after {failed - began:.1f} s")
+    check(passes[-1] - began < 121, f"a pass began after {passes[-1] - began:.1f} s")
+    longest = max(later - earlier for earlier, later in zip(passes, passes[1:]))
+    check(failed - passes[-1] < longest + 2,
+          f"the last pass took {failed - passes[-1]:.1f} s, the longest before {longest:.1f} s")
+    check_equal(app.logged("switch time out"), 1, "lines of the time limit")
+    check_equal(app.logged(fails(NET1)), 10 * len(passes), "failed attempts at the first server")
+    check_equal(app.logged(fails(NET2)), 10 * len(passes), "failed attempts at the second server")
+
+
+@scenario()
+def second_server_alive_in_the_second_pass(lab):
+    """Both servers are dead at first; the second one accepts after its first probe has failed."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    app = lab.application()
+    app.start()
+    app.expect_log(fails(NET2), times=10, within=60)
+    lab.start_server(NET2.server)
+    app.expect_signal(success(NET2), within=60)
+    has_lease(lab)
+    check_equal(app.logged(fails(NET1)), 20, "failed attempts at the first server")
+    check_equal(app.logged(fails(NET2)), 10, "failed attempts at the second server")
+
+
+@scenario()
+def first_server_answers_at_the_third_attempt(lab):
+    """The first server refuses two attempts and accepts the third."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    server = lab.prepare_server(NET1.server)
+    app = lab.application()
+    app.start()
+    app.expect_log(fails(NET1), times=2)
+    server.listen()
+    app.expect_signal(success(NET1))
+    check_equal(app.logged(fails(NET1)), 2, "failed attempts")
+    has_static(lab, NET1)
+
+
+@scenario()
+def first_server_is_a_black_hole(lab):
+    """The first server listens, but its answers are lost on the way."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.start_server(NET1.server)
+    lab.start_server(NET2.server)
+    lab.lose_answers_to(NET1.device)
+    app = lab.application()
+    began = app.start()
+    reached = app.expect_signal(success(NET2), within=60)
+    check_equal(app.logged(fails(NET1)), 10, "failed attempts")
+    check(reached - began >= 5.5, f"reached after {reached - began:.1f} s")
+    check(not any("198.51.100.1 accepted" in line for line in lab.timeline.lines()),
+          "the black hole accepted a connection")
+
+
+@scenario()
+def first_network_skipped_on_its_own_address(lab):
+    """Both networks are static, and the device is on the first one's address already."""
+    lab.configure(first=static(NET1), second=static(NET2))
+    lab.give_address(static(NET1))
+    lab.start_server(NET1.server)
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2))
+    check_equal(app.logged(f'it is the same net ip adddr  "{NET1.device}"$'), 1,
+                "lines of the skipped network")
+    check_equal(app.commands(), static_commands(lab.uuid, static(NET2)), "commands")
+
+
+@scenario(only=NATIVE, slow=True)
+def both_static_and_no_address(lab):
+    """Both networks are static and the device has no address at all: the search spins until its
+    limit, without a command or an attempt."""
+    lab.configure(first=static(NET1), second=static(NET2))
+    lab.start_server(NET1.server)
+    app = lab.application("--log-limit", "100")
+    before = app.processor_seconds()
+    began = app.start()
+    failed = app.expect_failure(within=150)
+    used = app.processor_seconds() - before
+    check(120 <= failed - began < 122, f"the failure came after {failed - began:.1f} s")
+    check_equal(app.commands(), [], "commands")
+    lab.timeline.add("measured", f"{used / (failed - began):.2f} processors, "
+                                 f"{app.answer('more') / 4 / (failed - began):.0f} passes a second")
+
+
+@scenario(only=NATIVE)
+def static_network_tried_first(lab):
+    """The first network is automatic, the second static: tried in the other order."""
+    lab.configure(first=dhcp(NET2), second=static(NET1))
+    lab.start_server(NET1.server)
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET1))
+    has_static(lab, NET1)
+    check_equal(app.commands(), static_commands(lab.uuid, static(NET1)), "commands")
+
+
+@scenario(only=ARM)
+def order_of_the_file_on_arm(lab):
+    """The first network is automatic, the second static: tried in the file's order."""
+    lab.configure(first=dhcp(NET2), second=static(NET1))
+    lab.start_server(NET1.server)
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2))
+    has_lease(lab)
+    check_equal(app.commands(), automatic_commands(lab.uuid), "commands")
+
+
+@scenario(only=ARM)
+def second_static_server_alive_on_arm(lab):
+    """The first network is automatic and its server dead, the second static and its server alive."""
+    lab.configure(first=dhcp(NET2), second=static(NET1))
+    lab.start_server(NET1.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET1))
+    has_static(lab, NET1)
+    check_equal(app.logged(fails(NET2)), 10, "failed attempts")
+
+
+@scenario()
+def cable_out_then_plugged(lab):
+    """The cable is out when the search begins, and plugged when its first pass is over."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.start_server(NET1.server)
+    lab.pull_cable()
+    app = lab.application()
+    app.start()
+    app.expect_log(fails(NET2), times=10, within=90)
+    lab.plug_cable()
+    app.expect_signal(success(NET1), within=60)
+    has_static(lab, NET1)
+    if lab.native:
+        # The notice that the link is up waited for the end of the search, and asks for another.
+        app.expect_signal("start")
+        app.expect_signal(success(NET1))
+
+
+@scenario()
+def unknown_connection_name(lab):
+    """NetworkManager does not know the connection: nothing is applied, but the server is reachable
+    with the address that the device has."""
+    lab.configure(first=static(NET1), second=dhcp(NET2), connection="wan")
+    lab.give_address(dhcp(NET2))
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2), within=60)
+    check_equal(app.commands(), [], "commands")
+    for function in ("setStaticIpAddr", "setLocalIpAuto"):
+        check_equal(app.logged(rf'critical \[ {function} \] get uuid is empty,'
+                               r'd->strConnectionName= "wan"$'), 1, f"lines of {function}")
+    check_equal(app.logged("run failed$"), 2, "failed addressings")
+    has_lease(lab)
+
+
+@scenario()
+def empty_name_and_one_active_connection(lab):
+    """No connection is named, and one is active: that one is taken."""
+    lab.configure(first=static(NET1), second=dhcp(NET2), connection="")
+    lab.give_address(dhcp(NET2))
+    lab.start_server(NET1.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET1))
+    check_equal(app.commands(), static_commands(lab.uuid, static(NET1)), "commands")
+    has_static(lab, NET1)
+
+
+@scenario()
+def empty_name_and_two_active_connections(lab):
+    """No connection is named, and two are active: the commands name both and change neither."""
+    lab.configure(first=static(NET1), second=dhcp(NET2), connection="")
+    lab.give_address(dhcp(NET2))
+    lab.add_second_cable()
+    lab.add_profile("other", "eth1", "ipv4.method", "manual", "ipv4.addresses", "203.0.113.2/24")
+    run("nmcli", "connection", "up", "other")
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2), within=60)
+    names = {lab.uuid, lab.profile("connection.uuid", "other")}
+    for command in app.commands():
+        check(command.startswith("nmcli connection ") and
+              names == set(command.split(" uuid ")[1].split()[:2]), f"unexpected: {command}")
+    check_equal(len(app.commands()), 4, "number of commands")
+    check_equal((lab.profile("ipv4.method"), lab.profile("ipv4.method", "other")),
+                ("auto", "manual"), "methods of the two profiles")
+    has_lease(lab)
+
+
+@scenario(manage_loopback=True)
+def empty_name_and_a_listed_loopback(lab):
+    """No connection is named, one is active, and NetworkManager lists the loopback interface as
+    another, as it does from 1.42 on: as with any second one, nothing is applied."""
+    lab.configure(first=static(NET1), second=dhcp(NET2), connection="")
+    lab.give_address(dhcp(NET2))
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2), within=60)
+    check_equal(app.logged("getNetWorkUuid"), 2, "look-ups")
+    check(all(len(command.split(" uuid ")[1].split()[1]) == 36 for command in app.commands()),
+          f"one name only: {app.commands()}")
+    check_equal(lab.profile("ipv4.method"), "auto", "the profile's method")
+
+
+def never_signals(lab):
+    """A search that is asked for signals nothing; returns the application."""
+    app = lab.application()
+    app.start()
+    app.expect_no_signal()
+    check_equal(app.commands(), [], "commands")
+    return app
+
+
+def searches_again(lab, app):
+    """With a right file the next search works."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.start_server(NET1.server)
+    app.start()
+    app.expect_signal(success(NET1))
+
+
+@scenario()
+def no_file(lab):
+    """There is no configuration file: nothing is signalled."""
+    app = never_signals(lab)
+    check_equal(app.logged(rf'  switch congif file: "{lab.configuration}" '
+                           'not exist,can not do net switc.$'), 1, "lines of the missing file")
+    searches_again(lab, app)
+
+
+@scenario()
+def empty_file(lab):
+    """The configuration file is empty: nothing is signalled."""
+    lab.configuration.parent.mkdir(parents=True)
+    lab.configuration.touch()
+    app = never_signals(lab)
+    check_equal(app.logged(' switch info:first serverIp: "" ,serverPort: ""$'), 1, "summaries")
+    searches_again(lab, app)
+
+
+@scenario()
+def unreadable_file(lab):
+    """The application may not read the configuration file: nothing is signalled."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.configuration.chmod(0)
+    # Root without its capability to read everything.
+    app = lab.application(within=["setpriv", "--bounding-set", "-dac_override,-dac_read_search"])
+    app.start()
+    app.expect_no_signal()
+    check_equal(app.logged(' switch info:first serverIp: "" ,serverPort: ""$'), 1, "summaries")
+    lab.configuration.chmod(0o600)
+    searches_again(lab, app)
+
+
+@scenario()
+def three_starts_in_a_row(lab):
+    """Three searches are asked for at once: three, one after the other."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.start_server(NET1.server)
+    app = lab.application()
+    for _ in range(3):
+        app.tell("start")
+    for _ in range(3):
+        app.expect_signal("start")
+    for _ in range(3):
+        app.expect_signal(success(NET1))
+    check_equal(app.commands(), 3 * static_commands(lab.uuid, static(NET1)), "commands")
+
+
+@scenario()
+def activated_again_after_the_eleventh_attempt(lab):
+    """Both networks are static and the first server is dead: one more activation during its twenty
+    attempts, after the eleventh."""
+    lab.configure(first=static(NET1), second=static(NET2))
+    lab.give_address(dhcp(NET2))
+    lab.start_server(NET2.server)
+    before = lab.activations()
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2))
+    fates = [text for kind, text in ((event.kind, event.text) for event in app.events)
+             if kind == "log" and (fails(NET1)[:20] in text or "] cmd: " in text.replace("  ", " "))]
+    at = [index for index, text in enumerate(fates) if " cmd: " in text]
+    check_equal((len(fates), at), (21, [11]), "lines of attempts, and places of the activation")
+    check_equal(lab.activations() - before, 3, "activations, as NetworkManager counts them")
+
+
+@scenario()
+def netmask_of_a_class_a_network(lab):
+    """The first network's netmask is 255.0.0.0: applied with the prefix length 6."""
+    half = static(NET1, mask="255.0.0.0")
+    lab.configure(first=half, second=dhcp(NET2))
+    lab.start_server(NET1.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET1))
+    check_equal(lab.addresses(), [NET1.device + "/6"], "addresses of eth0")
+    check_equal(app.commands(), static_commands(lab.uuid, half, prefix=6), "commands")
+
+
+@scenario()
+def address_that_is_none(lab):
+    """The first network's address is none: NetworkManager refuses it, and the device keeps what its
+    profile had before."""
+    lab.configure(first=static(NET1, ip="198.51.100.999"), second=dhcp(NET2))
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2))
+    check_equal(app.logged("setFirstStaticIpAddr . run successful$"), 1, "lines of the addressing")
+    check_equal(lab.profile("ipv4.addresses"), "", "addresses of the profile")
+
+
+@scenario()
+def reached_server_dies(lab):
+    """The server that a search reached dies: nobody looks again, until the next search."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.start_server(NET1.server)
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET1))
+    lab.stop_server(NET1.server)
+    app.expect_no_signal()
+    app.start()
+    app.expect_signal(success(NET2))

@@ -1,0 +1,101 @@
+# SPDX-License-Identifier: MIT
+"""Settings: the device's own, and those that the application writes."""
+
+import pathlib
+
+from application import check_equal, success
+from laboratory import CONNECTION, NET1, NET2
+from scenario import (addressing, automatic_commands, dhcp, fails, has_lease, has_static, scenario,
+                      static, static_commands)
+
+DEVICE_FILE = pathlib.Path("/userdata/netSettings.ini")
+
+
+def write_device_file(master, slave, connection=CONNECTION):
+    """The device's settings: its main and its spare network."""
+    lines = ["[NetworkConnections]", f"conName={connection}"]
+    for name, half in (("MasterNet", master), ("SlaveNet", slave)):
+        lines.append(f"{name}\\bDhcpEnabled={'true' if half['flag'] == 'false' else 'false'}")
+        lines += [f"{name}\\{key}={half[key]}" for key in ("ip", "mask", "gateway", "dns1", "dns2")]
+    DEVICE_FILE.write_text("\n".join(lines) + "\n", encoding="utf-8")
+
+
+@scenario()
+def device_file_imported(lab):
+    """The device's file has a static main network and a spare one with DHCP; the configuration file
+    has the servers, another connection and the networks exchanged. The search uses what was
+    imported."""
+    lab.configure(first=dhcp(NET1), second=static(NET2), connection="wan")
+    write_device_file(master=static(NET1), slave=dhcp(NET2))
+    before = DEVICE_FILE.read_bytes()
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2))
+    check_equal(app.commands(), static_commands(lab.uuid, static(NET1))
+                + automatic_commands(lab.uuid), "commands")
+    check_equal(DEVICE_FILE.read_bytes(), before, "the device's file")
+    has_lease(lab)
+
+
+@scenario()
+def device_file_unreadable(lab):
+    """The device's file is a folder: the connection's name and the addressing are emptied, so the
+    active connection is taken, with automatic addressing."""
+    lab.configure(first=static(NET2), second=static(NET1), connection="wan")
+    lab.give_address(static(NET1))
+    DEVICE_FILE.mkdir()
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2))
+    check_equal(app.commands(), automatic_commands(lab.uuid), "commands")
+    has_lease(lab)
+
+
+@scenario()
+def writers_called_during_a_search(lab):
+    """The application writes other settings while a search runs: in force at the next search."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_log(fails(NET1), times=2)
+    app.save_servers(True, NET2.server, NET1.server)
+    app.save_addressing("first", addressing(static(NET2)))
+    app.save_addressing("second", addressing(dhcp(NET1)))
+    app.expect_signal(success(NET2))
+    has_lease(lab)
+    check_equal(app.logged(fails(NET1)), 10, "failed attempts")
+    app.start()
+    app.expect_signal(success(NET2))
+    has_static(lab, NET2)
+    check_equal(app.logged(fails(NET1)), 10, "failed attempts")
+
+
+@scenario()
+def enabled_by_the_writer(lab):
+    """Switching is disabled: a search signals nothing. The application enables it: the next one
+    works."""
+    lab.configure(first=static(NET1), second=dhcp(NET2), enabled=False)
+    lab.start_server(NET1.server)
+    app = lab.application()
+    app.start()
+    app.expect_no_signal()
+    check_equal(app.commands(), [], "commands")
+    app.save_servers(True, NET1.server, NET2.server)
+    app.start()
+    app.expect_signal(success(NET1))
+    has_static(lab, NET1)
+
+
+@scenario()
+def notice_of_the_current_server(lab):
+    """The application tells which server it uses: accepted, without any effect."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.start_server(NET1.server)
+    app = lab.application()
+    app.tell("current", NET2.server)
+    app.expect_no_signal()
+    app.start()
+    app.expect_signal(success(NET1))

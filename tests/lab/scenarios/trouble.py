@@ -1,0 +1,167 @@
+# SPDX-License-Identifier: MIT
+"""NetworkManager in trouble. Each search has exactly one outcome, within its own time and that of
+the commands, and the next search works."""
+
+import signal
+
+from application import check, check_equal, success
+from laboratory import CONNECTION, NET1, NET2, run, wait_until
+from scenario import (automatic_commands, dhcp, fails, has_lease, has_static, scenario, static,
+                      static_commands)
+
+
+def next_search_works(lab, app):
+    """The second server goes, the first one comes: the next search reaches it."""
+    lab.stop_server(NET2.server)
+    lab.start_server(NET1.server)
+    app.start()
+    app.expect_signal(success(NET1))
+    has_static(lab, NET1)
+
+
+def searching_application(lab):
+    """An application whose search is at its third attempt at the first server, which is dead."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_log(fails(NET1), times=2)
+    return app
+
+
+def run_failed(app):
+    return app.logged("run failed$")
+
+
+@scenario()
+def manager_not_running(lab):
+    """NetworkManager does not run when the search begins; it is started after the first pass."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.start_server(NET2.server)
+    app = lab.application()
+    lab.kill_manager()
+    app.start()
+    app.expect_log(fails(NET2), times=10)
+    check_equal((run_failed(app), app.commands()), (2, []), "addressings and commands")
+    lab.start_manager()
+    app.expect_signal(success(NET2))
+    has_lease(lab)
+    next_search_works(lab, app)
+
+
+@scenario()
+def manager_stopped(lab):
+    """NetworkManager is stopped: the look-up of the connection takes its 25 s and finds nothing; the
+    server is reachable with the address that the device has."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.give_address(static(NET1))
+    lab.start_server(NET1.server)
+    app = lab.application()
+    lab.manager.send(signal.SIGSTOP)
+    began = app.start()
+    reached = app.expect_signal(success(NET1), within=60)
+    check(25 <= reached - began < 35, f"reached after {reached - began:.1f} s")
+    check_equal((run_failed(app), app.commands()), (1, []), "addressings and commands")
+    lab.manager.send(signal.SIGCONT)
+    lab.start_server(NET2.server)
+    lab.stop_server(NET1.server)
+    app.start()
+    app.expect_signal(success(NET2), within=60)
+    has_lease(lab)
+
+
+@scenario(slow=True)
+def manager_killed_during_an_activation(lab):
+    """NetworkManager is killed while nmcli waits for an address: nmcli gives up after its 90 s."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.stop_dhcp()
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_log(r'execute the cmd: ".* ipv4.method auto "')
+    wait_until(lambda: any("beginning transaction" in line for line in lab.manager.lines), 20,
+               "NetworkManager asks for an address")
+    lab.kill_manager()
+    lab.start_manager()
+    lab.start_dhcp()
+    app.expect_signal(success(NET2), within=150)
+    has_lease(lab)
+    next_search_works(lab, app)
+
+
+@scenario()
+def manager_restarted_during_a_search(lab):
+    """NetworkManager is killed and started again while the first server is tried."""
+    app = searching_application(lab)
+    lab.kill_manager()
+    lab.start_manager()
+    app.expect_signal(success(NET2))
+    has_lease(lab)
+    next_search_works(lab, app)
+
+
+@scenario()
+def profile_deleted_during_a_search(lab):
+    """The profile is deleted while the first server is tried, and made again after a pass without."""
+    app = searching_application(lab)
+    run("nmcli", "connection", "delete", CONNECTION)
+    app.expect_log(fails(NET2), times=10)
+    check_equal(run_failed(app), 1, "addressings that failed")
+    lab.add_profile(CONNECTION)
+    app.expect_signal(success(NET2))
+    has_lease(lab)
+    next_search_works(lab, app)
+
+
+@scenario()
+def profile_folder_read_only(lab):
+    """NetworkManager cannot store a change: it refuses it, and activates the profile as it was."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.start_server(NET2.server)
+    lab.make_profiles_read_only(True)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2))
+    check_equal(app.logged("run successful$"), 2, "addressings that were run")
+    check_equal(lab.profile("ipv4.addresses"), "", "addresses of the profile")
+    has_lease(lab)
+    lab.make_profiles_read_only(False)
+    next_search_works(lab, app)
+
+
+@scenario()
+def two_profiles_of_one_name(lab):
+    """Two profiles have the connection's name: the commands name both and change neither; without
+    the second one the next search works."""
+    lab.give_address(dhcp(NET2))
+    uuid = lab.uuid
+    lab.add_profile(CONNECTION)
+    other = next(name for name in lab.profile("connection.uuid").split() if name != uuid)
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2))
+    for command in app.commands():
+        check_equal(set(command.split(" uuid ")[1].split()[:2]), {uuid, other}, command)
+    check_equal(len(app.commands()), 4, "number of commands")
+    has_lease(lab)
+    run("nmcli", "connection", "delete", other)
+    next_search_works(lab, app)
+
+
+@scenario(slow=True)
+def dhcp_server_silent(lab):
+    """The second network's DHCP server does not answer: the activation takes its 45 s and fails;
+    the next pass finds it answering."""
+    lab.configure(first=static(NET1), second=dhcp(NET2))
+    lab.stop_dhcp()
+    lab.start_server(NET2.server)
+    app = lab.application()
+    began = app.start()
+    tried = app.expect_log(fails(NET2), times=1, within=120)
+    check(50 <= tried - began < 65, f"the second server was tried after {tried - began:.1f} s")
+    lab.start_dhcp()
+    app.expect_signal(success(NET2), within=60)
+    has_lease(lab)
+    next_search_works(lab, app)
