@@ -46,7 +46,8 @@ class Readme(unittest.TestCase):
             self.assertTrue((project / "build/failover").exists())
 
     def test_named_files_are_there(self):
-        names = set(re.findall(r"(?:script|tests|examples|bench|facade|worker|watcher|\.ci)/[\w./]*",
+        names = set(re.findall(r"(?:script|tests|examples|bench|facade|worker|watcher|\.ci)"
+                               r"/[\w./]*",
                                README))
         self.assertGreater(len(names), 5)
         for name in sorted(names):

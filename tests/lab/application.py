@@ -130,9 +130,13 @@ class Application:
         self._next("output", lambda event: re.search(pattern, event.text), within,
                    f"the library does not print: {pattern}")
 
+    def log_lines(self, pattern):
+        """The log lines that match, so far."""
+        return [event.text for event in self._of_kind["log"] if re.search(pattern, event.text)]
+
     def logged(self, pattern):
         """How many log lines match so far."""
-        return sum(re.search(pattern, event.text) is not None for event in self._of_kind["log"])
+        return len(self.log_lines(pattern))
 
     def printed(self, pattern):
         """How many lines of standard output match so far."""
@@ -227,10 +231,9 @@ class Application:
         self.expect_no_signal()
         stalls = [event.text for event in self._of_kind["stall"]]
         check_equal(stalls, [], "the event loop was kept from running, for so many ms")
-        def no_more():
-            now = self.holds()
-            return all(now[what] <= self.at_first[what] for what in now)
-        try:
-            wait_until(no_more, 5, "")
-        except LaboratoryError:
-            check_equal(self.holds(), self.at_first, "the application holds more than at first")
+        wait_until(self._holds_no_more, 5, "the application holds more than at first, "
+                   f"{self.holds()}, not {self.at_first}")
+
+    def _holds_no_more(self):
+        now = self.holds()
+        return all(now[what] <= self.at_first[what] for what in now)

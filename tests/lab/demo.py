@@ -169,7 +169,7 @@ def main():
     parser.add_argument("--full", action="store_true")
     parser.add_argument("--verbose", action="store_true")
     parser.add_argument("--arm", action="store_true",
-                        help="the application is built for ARM: the LAN switch instead of the cable")
+                        help="the application is built for ARM: the LAN switch, not the cable")
     parser.add_argument("application", nargs="+", help="the command line that runs it")
     options = parser.parse_args()
 

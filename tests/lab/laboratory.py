@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 """A laboratory for the whole system on one machine: the real NetworkManager, a DHCP server, TCP
-servers, a cable that can be pulled and a LAN switch that can be flipped. Runs inside script/sandbox,
-as its first user, and ends with it; nothing outside the sandbox is touched.
+servers, a cable that can be pulled and a LAN switch that can be flipped. Runs inside
+script/sandbox, as its first user, and ends with it; nothing outside the sandbox is touched.
 
 The device's end of the cable is eth0. The servers' end, port0, lies in a network namespace of its
 own and has one address in each of two networks.
@@ -67,7 +67,8 @@ BUS_CONFIGURATION = """<busconfig>
 </busconfig>
 """
 
-# The loopback interface is left alone: NetworkManager from 1.42 on lists it as an active connection.
+# The loopback interface is left alone: NetworkManager from 1.42 on lists it as an active
+# connection.
 MANAGER_CONFIGURATION = """[main]
 plugins=keyfile
 dhcp=internal

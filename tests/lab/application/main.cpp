@@ -41,9 +41,9 @@ void writeLine(const char *kind, const QString &text)
     QString line = text;
     line.replace(QLatin1Char('\n'), QLatin1String("\\n"));
     const QByteArray bytes = QStringLiteral("@%1 %2 %3\n")
-                                 .arg(now.count(), 0, 'f', 4)
-                                 .arg(QLatin1String(kind), line)
-                                 .toUtf8();
+                                     .arg(now.count(), 0, 'f', 4)
+                                     .arg(QLatin1String(kind), line)
+                                     .toUtf8();
     // One write, so that lines of several threads do not mix.
     if (write(STDOUT_FILENO, bytes.constData(), static_cast<size_t>(bytes.size()))
         != bytes.size()) {
@@ -53,16 +53,16 @@ void writeLine(const char *kind, const QString &text)
 }
 
 namespace {
-std::atomic<int> logLines{0};
+std::atomic<int> logLines{ 0 };
 int logLimit = 0;
 
 void logHandler(QtMsgType type, const QMessageLogContext &, const QString &text)
 {
-    static const std::map<QtMsgType, const char *> levels = {{QtDebugMsg, "debug"},
-                                                             {QtInfoMsg, "info"},
-                                                             {QtWarningMsg, "warning"},
-                                                             {QtCriticalMsg, "critical"},
-                                                             {QtFatalMsg, "fatal"}};
+    static const std::map<QtMsgType, const char *> levels = { { QtDebugMsg, "debug" },
+                                                              { QtInfoMsg, "info" },
+                                                              { QtWarningMsg, "warning" },
+                                                              { QtCriticalMsg, "critical" },
+                                                              { QtFatalMsg, "fatal" } };
     ++logLines;
     if (logLimit == 0 || logLines <= logLimit) {
         writeLine("log", QLatin1String(levels.at(type)) + QLatin1Char(' ') + text);
@@ -102,25 +102,26 @@ void obey(Hoplane *hoplane, const QStringList &words)
     const auto word = [&words](int index) { return words.value(index); };
     const auto flag = [&words](int index) { return words.value(index) == QLatin1String("true"); };
     const std::map<QString, std::function<void()>> commands = {
-        {"start", [&] { emit hoplane->start(); }},
-        {"current", [&] { emit hoplane->sendCurrentServerip(word(1)); }},
-        {"servers",
-         [&] { Hoplane::saveSwitchInfoToFile(flag(1), word(2), word(3), word(4), word(5)); }},
-        {"connection", [&] { hoplane->saveConnectionName(word(1)); }},
-        {"first",
-         [&] {
-             hoplane->saveFirstLocalInoToFile(flag(1), word(2), word(3), word(4), word(5), word(6));
-         }},
-        {"second",
-         [&] {
-             hoplane->saveSecondLocalInfoToFile(flag(1), word(2), word(3), word(4), word(5),
-                                                word(6));
-         }},
-        {"fence", [&] { passWorkerFence(hoplane, word(1)); }},
-        {"more", [] { writeLine("more", QString::number(logLines - logLimit)); }},
+        { "start", [&] { emit hoplane->start(); } },
+        { "current", [&] { emit hoplane->sendCurrentServerip(word(1)); } },
+        { "servers",
+          [&] { Hoplane::saveSwitchInfoToFile(flag(1), word(2), word(3), word(4), word(5)); } },
+        { "connection", [&] { hoplane->saveConnectionName(word(1)); } },
+        { "first",
+          [&] {
+              hoplane->saveFirstLocalInoToFile(flag(1), word(2), word(3), word(4), word(5),
+                                               word(6));
+          } },
+        { "second",
+          [&] {
+              hoplane->saveSecondLocalInfoToFile(flag(1), word(2), word(3), word(4), word(5),
+                                                 word(6));
+          } },
+        { "fence", [&] { passWorkerFence(hoplane, word(1)); } },
+        { "more", [] { writeLine("more", QString::number(logLines - logLimit)); } },
         // For the laboratory's tests of itself.
-        {"stall", [&] { QThread::msleep(word(1).toULong()); }},
-        {"leak", [&] { leak(word(1)); }},
+        { "stall", [&] { QThread::msleep(word(1).toULong()); } },
+        { "leak", [&] { leak(word(1)); } },
     };
     const auto command = commands.find(word(0));
     if (command == commands.end()) {
@@ -179,9 +180,12 @@ int main(int argc, char **argv)
             _exit(0);
         }
     });
-    QTimer::singleShot(0, &application, [&application] {
+    QTimer ready;
+    ready.setSingleShot(true);
+    QObject::connect(&ready, &QTimer::timeout, [&application] {
         new StallMeter(&application);
         writeLine("ready", QSysInfo::currentCpuArchitecture());
     });
+    ready.start(0);
     return QCoreApplication::exec();
 }

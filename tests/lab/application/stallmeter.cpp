@@ -12,7 +12,7 @@
 namespace {
 constexpr int intervalMs = 5;
 constexpr qint64 limitMs = 50;
-constexpr qint64 nanosecondsPerMs = 1000 * 1000;
+constexpr qint64 nanosecondsPerMs = 1'000'000;
 
 qint64 nowNs()
 {

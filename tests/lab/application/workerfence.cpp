@@ -6,7 +6,6 @@
 #include <hoplane.h>
 
 #include <QCoreApplication>
-#include <QMetaObject>
 #include <QThread>
 
 // An explicit instantiation may name a private member; its friend hands the pointer out.
@@ -27,12 +26,10 @@ template struct Grant<WorkerThread, &Hoplane::m_workerThread>;
 
 void passWorkerFence(Hoplane *hoplane, const QString &name)
 {
+    // Its deletion takes its turn among what is queued to the worker thread, and tells of itself.
     auto *object = new QObject;
     object->moveToThread(&(hoplane->*granted(WorkerThread())));
-    const auto passed = [name] { writeLine("fence", name); };
-    const auto answer = [object, passed] {
-        object->deleteLater();
-        QMetaObject::invokeMethod(QCoreApplication::instance(), passed, Qt::QueuedConnection);
-    };
-    QMetaObject::invokeMethod(object, answer, Qt::QueuedConnection);
+    QObject::connect(object, &QObject::destroyed, QCoreApplication::instance(),
+                     [name] { writeLine("fence", name); });
+    object->deleteLater();
 }

@@ -92,8 +92,11 @@ def event_with_action_add(lab):
 
 @scenario(only=ARM)
 def event_without_state(lab):
-    """The LAN switch changes and names no state: taken for 0."""
+    """The LAN switch has gone to 1; then it changes and names no state: taken for 0."""
     app = waiting_application(lab)
+    lab.flip_lan_switch(1)
+    app.expect_signal("switchBegin")
+    app.expect_signal(success(NET2))
     lab.send_uevent(f"change@{LAN_SWITCH}", "ACTION=change", f"DEVPATH={LAN_SWITCH}")
     app.expect_signal("switchBegin")
     app.expect_signal(success(NET1))
@@ -255,8 +258,8 @@ def cable_pulled_with_switching_disabled(lab):
 
 @scenario(only=NATIVE)
 def ten_quick_flaps(lab):
-    """The cable is pulled and plugged ten times, as fast as the kernel tells of it: a begin for each
-    notice that the link is down, an outcome for each search, the right address in the end."""
+    """The cable is pulled and plugged ten times, as fast as the kernel tells of it: a begin for
+    each notice that the link is down, an outcome for each search, the right address in the end."""
     lab.configure(first=static(NET1), second=dhcp(NET2))
     lab.start_server(NET1.server)
     app = lab.application()

@@ -6,8 +6,7 @@ import signal
 
 from application import check, check_equal, success
 from laboratory import CONNECTION, NET1, NET2, run, wait_until
-from scenario import (automatic_commands, dhcp, fails, has_lease, has_static, scenario, static,
-                      static_commands)
+from scenario import dhcp, fails, has_lease, has_static, scenario, static
 
 
 def next_search_works(lab, app):
@@ -51,8 +50,8 @@ def manager_not_running(lab):
 
 @scenario()
 def manager_stopped(lab):
-    """NetworkManager is stopped: the look-up of the connection takes its 25 s and finds nothing; the
-    server is reachable with the address that the device has."""
+    """NetworkManager is stopped: the look-up of the connection takes its 25 s and finds nothing;
+    the server is reachable with the address that the device has."""
     lab.configure(first=static(NET1), second=dhcp(NET2))
     lab.give_address(static(NET1))
     lab.start_server(NET1.server)
@@ -102,7 +101,8 @@ def manager_restarted_during_a_search(lab):
 
 @scenario()
 def profile_deleted_during_a_search(lab):
-    """The profile is deleted while the first server is tried, and made again after a pass without."""
+    """The profile is deleted while the first server is tried, and made again after a pass without
+    it."""
     app = searching_application(lab)
     run("nmcli", "connection", "delete", CONNECTION)
     app.expect_log(fails(NET2), times=10)
