@@ -63,21 +63,28 @@ def fingerprint():
 
     links = [{key: link.get(key) for key in ("ifname", "address", "mtu", "flags")}
              for link in json.loads(show("link", "show"))]
-    addresses = [[link["ifname"], [entry["local"] for entry in link["addr_info"]]]
-                 for link in json.loads(show("address", "show"))]
-    marks = {"links": links, "addresses": addresses, "routes": json.loads(show("route", "show"))}
-    for name in ("/etc/NetworkManager", "/etc/resolv.conf", "/run/NetworkManager",
-                 "/var/lib/NetworkManager", "/userdata", "/dev/null",
+    addresses = [[link["ifname"], [(entry["local"], entry["prefixlen"])
+                                   for entry in link["addr_info"]]]
+                 for link in json.loads(show("-4", "address", "show"))]
+    marks = {"links": links, "addresses": addresses,
+             "routes": json.loads(show("-4", "route", "show", "table", "all")),
+             "mounts": [line.split()[4] for line in
+                        pathlib.Path("/proc/self/mountinfo").read_text().splitlines()]}
+    # Not what NetworkManager keeps in /run and /var: the machine's own may be running.
+    for name in ("/etc/NetworkManager", "/etc/resolv.conf", "/userdata", "/dev/null",
                  str(pathlib.Path.home() / "Documents" / "laboratory")):
         marks[name] = list(fingerprint_files(pathlib.Path(name)))
     return marks
 
 
 def fingerprint_files(path):
-    if not path.exists():
+    if not os.path.lexists(path):
         return
-    yield str(path), path.stat().st_mode
-    if path.is_file():
+    status = path.lstat()
+    yield str(path), status.st_mode, status.st_rdev, status.st_uid, status.st_gid
+    if path.is_symlink():
+        yield os.readlink(path)
+    elif path.is_file() and os.access(path, os.R_OK):
         yield hashlib.sha256(path.read_bytes()).hexdigest()
     elif path.is_dir() and os.access(path, os.R_OK | os.X_OK):
         for entry in sorted(path.iterdir()):
@@ -101,7 +108,8 @@ def main(arguments):
         print(f"run.py: there is no scenario {arguments[0]} for {arguments[1]}", file=sys.stderr)
         return 64
     before = fingerprint()
-    status = subprocess.run([SANDBOX, "/usr/bin/python3", __file__, "--inside", *arguments],
+    status = subprocess.run([SANDBOX, "/usr/bin/python3", "-B", __file__, "--inside",
+                             *arguments],
                             check=False).returncode
     after = fingerprint()
     if before != after:

@@ -109,7 +109,8 @@ class Bench(Laboratory):
 
     def application(self, *options, within=()):
         """Starts the application; `within` is a command line that runs another."""
-        self.app = Application(self, [*within, *self._command, *options])
+        emulated = [] if self.native else ["--emulated"]
+        self.app = Application(self, [*within, *self._command, *emulated, *options])
         return self.app
 
     @property

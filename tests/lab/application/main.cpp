@@ -164,7 +164,8 @@ int main(int argc, char **argv)
     QCoreApplication::setApplicationName("laboratory");
     QCommandLineParser parser;
     const QCommandLineOption limit("log-limit", "Only count log lines after the first N.", "N");
-    parser.addOption(limit);
+    const QCommandLineOption emulated("emulated", "An emulator runs this; see stallmeter.h.");
+    parser.addOptions({ limit, emulated });
     parser.process(application);
     logLimit = parser.value(limit).toInt();
     qInstallMessageHandler(logHandler);
@@ -182,8 +183,8 @@ int main(int argc, char **argv)
     });
     QTimer ready;
     ready.setSingleShot(true);
-    QObject::connect(&ready, &QTimer::timeout, [&application] {
-        new StallMeter(&application);
+    QObject::connect(&ready, &QTimer::timeout, [&application, isEmulated = parser.isSet(emulated)] {
+        new StallMeter(isEmulated, &application);
         writeLine("ready", QSysInfo::currentCpuArchitecture());
     });
     ready.start(0);

@@ -5,47 +5,67 @@
 
 #include <QByteArray>
 #include <QFile>
+#include <QThread>
 #include <QTimerEvent>
 
+#include <algorithm>
 #include <chrono>
 
 namespace {
 constexpr int intervalMs = 5;
 constexpr qint64 limitMs = 50;
 constexpr qint64 nanosecondsPerMs = 1'000'000;
+constexpr qint64 intervalNs = intervalMs * nanosecondsPerMs;
 
 qint64 nowNs()
 {
     return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
-
-// How long the main thread has been ready without a processor: the second number of schedstat.
-qint64 waitedNs()
-{
-    QFile file(QStringLiteral("/proc/self/schedstat"));
-    if (!file.open(QIODevice::ReadOnly)) {
-        return 0;
-    }
-    return file.readAll().split(' ').value(1).toLongLong();
-}
 } // namespace
 
-StallMeter::StallMeter(QObject *parent)
+StallMeter::StallMeter(bool emulated, QObject *parent)
     : QObject(parent)
-    , m_lastTick(nowNs())
-    , m_lastWait(waitedNs())
+    , m_emulated(emulated)
+    , m_controlTick(nowNs())
+    , m_last(read())
 {
+    QThread::create([this] { keepTicking(); })->start();
     startTimer(intervalMs, Qt::PreciseTimer);
+}
+
+void StallMeter::keepTicking()
+{
+    for (;;) {
+        QThread::msleep(intervalMs);
+        const qint64 now = nowNs();
+        m_controlLate += std::max<qint64>(0, now - m_controlTick - intervalNs);
+        m_controlTick = now;
+    }
+}
+
+StallMeter::Reading StallMeter::read() const
+{
+    Reading reading;
+    // The main thread's: nanoseconds on a processor, nanoseconds ready without one.
+    QFile file(QStringLiteral("/proc/self/schedstat"));
+    if (file.open(QIODevice::ReadOnly)) {
+        const QList<QByteArray> numbers = file.readAll().split(' ');
+        reading.excused =
+                numbers.value(1).toLongLong() + (m_emulated ? numbers.value(0).toLongLong() : 0);
+    }
+    reading.tick = nowNs();
+    // With what the second thread is late by just now.
+    reading.late = m_controlLate + std::max<qint64>(0, reading.tick - m_controlTick - intervalNs);
+    return reading;
 }
 
 void StallMeter::timerEvent(QTimerEvent *)
 {
-    const qint64 tick = nowNs();
-    const qint64 wait = waitedNs();
-    const qint64 stalled = (tick - m_lastTick - (wait - m_lastWait)) / nanosecondsPerMs;
-    if (stalled > limitMs + intervalMs) {
-        writeLine("stall", QString::number(stalled));
+    const Reading now = read();
+    const qint64 excused = std::max(now.excused - m_last.excused, now.late - m_last.late);
+    const qint64 stalled = now.tick - m_last.tick - intervalNs - excused;
+    if (stalled > limitMs * nanosecondsPerMs) {
+        writeLine("stall", QString::number(stalled / nanosecondsPerMs));
     }
-    m_lastTick = tick;
-    m_lastWait = wait;
+    m_last = now;
 }

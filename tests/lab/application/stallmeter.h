@@ -3,22 +3,37 @@
 
 #include <QObject>
 
+#include <atomic>
+
 class QTimerEvent;
 
 // Tells of each time that the event loop of its thread was kept from running for more than 50 ms:
-// a line "stall MILLISECONDS". The time that the thread was ready and waited for a processor does
-// not count, so a busy machine is no stall.
+// a line "stall MILLISECONDS". What the machine itself costs does not count: the time that the
+// thread was ready and waited for a processor, and that by which a second thread, which does
+// nothing but tick, was late as well. Of an emulated program neither does the time that the thread
+// ran, since most of it goes into the translation.
 class StallMeter : public QObject
 {
     Q_OBJECT
 
 public:
-    explicit StallMeter(QObject *parent = nullptr);
+    explicit StallMeter(bool emulated, QObject *parent = nullptr);
 
 protected:
     void timerEvent(QTimerEvent *event) override;
 
 private:
-    qint64 m_lastTick;
-    qint64 m_lastWait;
+    struct Reading
+    {
+        qint64 tick = 0;
+        qint64 excused = 0; // what the scheduler knows of
+        qint64 late = 0; // of the second thread, in all
+    };
+    Reading read() const;
+    void keepTicking();
+
+    bool m_emulated;
+    std::atomic<qint64> m_controlTick;
+    std::atomic<qint64> m_controlLate{ 0 };
+    Reading m_last;
 };
