@@ -69,7 +69,7 @@ def second_server_alive_in_the_second_pass(lab):
     check_equal(app.logged(fails(NET2)), 10, "failed attempts at the second server")
 
 
-@scenario()
+@scenario(only=NATIVE)
 def first_server_answers_at_the_third_attempt(lab):
     """The first server refuses two attempts and accepts the third."""
     lab.configure(first=static(NET1), second=dhcp(NET2))
