@@ -211,6 +211,7 @@ class Server:
     def __init__(self, namespace, address, on_accept):
         self._on_accept = on_accept
         self._socket = None
+        self._own_client = None
         self._thread = threading.Thread(target=self._serve, daemon=True)
         maker = threading.Thread(target=self._make, args=(namespace, address))
         maker.start()
@@ -227,11 +228,17 @@ class Server:
         made = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         made.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         made.bind((address, PORT))
+        self._own_client = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         self._socket = made
 
-    def listen(self, backlog=16):
-        """Until now connections were refused."""
-        self._socket.listen(backlog)
+    def be_too_busy(self):
+        """From refusing to dropping each request in silence: the queue of connections is full."""
+        self._socket.listen(0)
+        self._own_client.connect(self._socket.getsockname())
+
+    def listen(self):
+        """Accepts from now on; until now connections were refused, or dropped."""
+        self._socket.listen(16)
         self._thread.start()
 
     def _serve(self):
@@ -248,6 +255,7 @@ class Server:
         if self._thread.is_alive():
             self._thread.join(10)
         self._socket.close()
+        self._own_client.close()
 
 
 class Laboratory:
@@ -383,6 +391,12 @@ class Laboratory:
         # The kernel tells of it later, by up to a second.
         state = pathlib.Path("/sys/class/net/eth0/operstate")
         wait_until(lambda: state.read_text().strip() in states, 10, f"eth0 {states[0]}")
+
+    def requests_dropped(self):
+        """How many requests for a connection the servers have dropped because they were busy."""
+        text = pathlib.Path(f"/proc/{self._servers_side.pid}/net/netstat").read_text()
+        names, values = (line.split() for line in text.splitlines() if line.startswith("TcpExt:"))
+        return int(values[names.index("ListenOverflows")])
 
     def add_second_cable(self):
         """Another wired interface, eth1, which leads nowhere."""
