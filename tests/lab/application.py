@@ -7,6 +7,7 @@ import os
 import pathlib
 import re
 import subprocess
+import time
 
 from laboratory import PORT, LaboratoryError, wait_until
 
@@ -94,9 +95,14 @@ class Application:
         self._next("done", lambda event: event.text == words[0], 30, f"not done: {words[0]}")
 
     def start(self):
-        """Emits start(); returns the time."""
+        """Emits start(); returns the time just before it."""
+        began = time.monotonic()
         self.tell("start")
-        return self.expect_signal("start")
+        self.expect_signal("start")
+        return began
+
+    def save_connection(self, name):
+        self.tell("connection", name)
 
     def save_servers(self, enabled, first, second):
         self.tell("servers", str(enabled).lower(), first, str(PORT), second, str(PORT))
@@ -110,23 +116,23 @@ class Application:
 
     # What it tells.
 
-    def expect_signal(self, text, within=30):
+    def expect_signal(self, text, within=60):
         """The next signal is this one; returns its time."""
         event = self._next("signal", lambda event: True, within, f"no signal {text}")
         check_equal(event.text, text, "another signal came")
         return event.when
 
-    def expect_failure(self, within=30):
+    def expect_failure(self, within=60):
         return self.expect_signal(f"switchFailed -1 {FAILURE}", within)
 
-    def expect_log(self, pattern, within=30, times=1):
+    def expect_log(self, pattern, within=60, times=1):
         """So many further log lines match; returns the last one's time."""
         for _ in range(times):
             event = self._next("log", lambda event: re.search(pattern, event.text), within,
                                f"the library does not log: {pattern}")
         return event.when
 
-    def expect_output(self, pattern, within=30):
+    def expect_output(self, pattern, within=60):
         self._next("output", lambda event: re.search(pattern, event.text), within,
                    f"the library does not print: {pattern}")
 
@@ -153,9 +159,11 @@ class Application:
         event = self._next(question, lambda event: True, 30, f"no answer to {question}")
         return int(event.text)
 
-    def settle(self, within=60):
+    def settle(self, within=90):
         """Waits until all three threads have dealt with everything that had happened before."""
+        end = time.monotonic() + within
         while True:
+            check(time.monotonic() < end, "signals come without an end")
             seen = len(self._of_kind["signal"])
             wait_until(self._watcher_waits, within, "the watcher does not come to rest")
             self._fences += 1
@@ -221,19 +229,20 @@ class Application:
         return (self.netlink_queue() == 0 and len(watchers) == 1
                 and "wait_for_more_packets" in _read(watchers[0] / "wchan"))
 
-    def processor_seconds(self):
-        """The processor time that it has used so far."""
-        times = self._process("stat").read_text().rpartition(")")[2].split()
-        return (int(times[11]) + int(times[12])) / os.sysconf("SC_CLK_TCK")
+    def awake_seconds(self):
+        """The time that its threads have been on a processor, and ready for one, so far."""
+        readings = [_read(task / "schedstat").split()[:2] for task in self._tasks()]
+        return tuple(sum(int(reading[index]) for reading in readings if reading) / 1e9
+                     for index in (0, 1))
 
     def finish(self):
         """What holds at the end of every scenario."""
         self.expect_no_signal()
+        check(self._program.running(), "the application has ended")
         stalls = [event.text for event in self._of_kind["stall"]]
         check_equal(stalls, [], "the event loop was kept from running, for so many ms")
-        wait_until(self._holds_no_more, 5, "the application holds more than at first, "
-                   f"{self.holds()}, not {self.at_first}")
-
-    def _holds_no_more(self):
-        now = self.holds()
-        return all(now[what] <= self.at_first[what] for what in now)
+        try:
+            wait_until(lambda: self.holds() == self.at_first, 5, "the same as at first")
+        except LaboratoryError:
+            check_equal(self.holds(), self.at_first, "the application does not hold what it did "
+                        "at first")

@@ -3,18 +3,22 @@
 """Tests of the laboratory itself: a scenario in which something is wrong has to fail, and to say
 what. itself.py APPLICATION"""
 
+import ast
 import contextlib
 import io
 import os
 import pathlib
+import re
 import subprocess
 import sys
 import unittest
+import unittest.mock
 
 import run
 from application import check_equal, success
 from laboratory import NET1, NET2, write_configuration
-from scenario import SCENARIOS, dhcp, scenario, static
+from laboratory import run as run_command
+from scenario import SCENARIOS, dhcp, scenario, static, static_commands
 
 APPLICATION = ""
 
@@ -104,6 +108,37 @@ def application_ended(lab):
 
 
 @scenario(only="itself")
+def manager_ended(lab):
+    """NetworkManager ends in the middle."""
+    searched(lab)
+    lab.kill_manager()
+
+
+@scenario(only="itself")
+def command_of_somebody_else(lab):
+    """NetworkManager is asked for more than the library has told."""
+    searched(lab)
+    run_command("nmcli", "connection", "up", "lan")
+    lab.check_commands(static_commands(lab.uuid, static(NET1)))
+
+
+@scenario(only="itself")
+def event_behind_a_text_without_end(lab):
+    """A program that the library runs leaves a line of its messages without an end; the event
+    behind it is seen."""
+    app = searched(lab)
+    app.tell("murmur", "no end of line here")
+    app.start()
+    app.expect_signal(success(NET1))
+
+
+@scenario(only="itself")
+def uevent_refused(lab):
+    """The kernel refuses what is no uevent."""
+    lab.send_uevent("nothing of the kind", "x" * 4000)
+
+
+@scenario(only="itself")
 def fault_of_the_scenario(lab):
     """The scenario itself is wrong."""
     check_equal(lab.no_such_thing, 1, "nothing")
@@ -127,6 +162,13 @@ class Faults(unittest.TestCase):
             self.assertIn(text, verdict)
         return printed
 
+    def holds_more(self, function, what):
+        printed = self.fails(function, "the application does not hold what it did at first")
+        seen, expected = (ast.literal_eval(text)
+                          for text in re.findall(r"^  (?:seen|expected): +(\{.*\})$", printed,
+                                                 re.MULTILINE)[-2:])
+        self.assertEqual(seen, expected | {what: expected[what] + 1})
+
     def test_nothing(self):
         status, printed = play(nothing_wrong)
         self.assertEqual(status, 0, printed)
@@ -139,13 +181,13 @@ class Faults(unittest.TestCase):
         self.assertEqual(status, 0, printed)
 
     def test_descriptor(self):
-        self.fails(leaked_descriptor, "holds more than at first", "descriptors")
+        self.holds_more(leaked_descriptor, "descriptors")
 
     def test_thread(self):
-        self.fails(leaked_thread, "holds more than at first")
+        self.holds_more(leaked_thread, "threads")
 
     def test_child(self):
-        self.fails(leaked_child, "holds more than at first", "'children': 1")
+        self.holds_more(leaked_child, "children")
 
     def test_signals(self):
         self.fails(signal_too_many, "signals that nobody expected", "'start'", success(NET1))
@@ -162,6 +204,21 @@ class Faults(unittest.TestCase):
 
     def test_ended(self):
         self.fails(application_ended, "the application has ended")
+
+    def test_manager(self):
+        self.fails(manager_ended, "NetworkManager has ended")
+
+    def test_commands(self):
+        self.fails(command_of_somebody_else, "requests, as NetworkManager counts them",
+                   "['update', 'activate', 'activate']")
+
+    def test_text_without_end(self):
+        status, printed = play(event_behind_a_text_without_end)
+        self.assertEqual(status, 0, printed)
+        self.assertIn("no end of line here", printed)
+
+    def test_uevent(self):
+        self.fails(uevent_refused, "the kernel refuses the uevent: ")
 
     def test_fault(self):
         self.fails(fault_of_the_scenario, "AttributeError", "no_such_thing")
@@ -182,6 +239,20 @@ class Faults(unittest.TestCase):
         self.assertEqual(before, run.fingerprint())
         pathlib.Path("/userdata/netSettings.ini").touch()
         self.assertNotEqual(before, run.fingerprint())
+        pathlib.Path("/userdata/netSettings.ini").unlink()
+
+    def test_machine_touched(self):
+        for touches in (False, True):
+            sandbox = pathlib.Path("/sandbox/home/stand-in")
+            sandbox.write_text("#!/bin/sh\n" + ("touch /userdata/netSettings.ini\n" if touches
+                                                else "") + "exit 0\n", encoding="utf-8")
+            sandbox.chmod(0o755)
+            printed = io.StringIO()
+            with unittest.mock.patch.object(run, "SANDBOX", sandbox), \
+                    contextlib.redirect_stdout(printed):
+                self.assertEqual(run.main(["no_file", "native", "true"]), int(touches))
+            self.assertEqual("The machine outside the laboratory was touched" in printed.getvalue(),
+                             touches)
         pathlib.Path("/userdata/netSettings.ini").unlink()
 
     def test_usage(self):

@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: MIT
 """A laboratory for the whole system on one machine: the real NetworkManager, a DHCP server, TCP
 servers, a cable that can be pulled and a LAN switch that can be flipped. Runs inside
-script/sandbox, as its first user, and ends with it; nothing outside the sandbox is touched.
+script/sandbox, as the root user that it makes of whoever runs it, and ends with it; nothing outside
+the sandbox is touched.
 
 The device's end of the cable is eth0. The servers' end, port0, lies in a network namespace of its
 own and has one address in each of two networks.
@@ -141,16 +142,21 @@ class Program:
         self.lines = []
         self._news = threading.Condition()
         self._looked_at = 0
-        self._ended = False
         self._on_line = on_line
         self._process = subprocess.Popen(command, stdin=stdin, stdout=subprocess.PIPE,
-                                         stderr=subprocess.STDOUT, encoding="utf-8",
+                                         stderr=subprocess.PIPE, encoding="utf-8",
                                          errors="replace")
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
+        # Each stream has a pipe of its own, so that a text without an end of its line on one does
+        # not swallow a line of the other.
+        streams = (self._process.stdout, self._process.stderr)
+        self._open = len(streams)
+        self._readers = [threading.Thread(target=self._read, args=(stream,), daemon=True)
+                         for stream in streams]
+        for reader in self._readers:
+            reader.start()
 
-    def _read(self):
-        for line in self._process.stdout:
+    def _read(self, stream):
+        for line in stream:
             line = line.rstrip("\n")
             if self._on_line:
                 self._on_line(line)
@@ -158,7 +164,7 @@ class Program:
                 self.lines.append(line)
                 self._news.notify_all()
         with self._news:
-            self._ended = True
+            self._open -= 1
             self._news.notify_all()
 
     @property
@@ -184,7 +190,7 @@ class Program:
                     if wanted(line):
                         return line
                 left = end - time.monotonic()
-                if self._ended or left <= 0:
+                if self._open == 0 or left <= 0:
                     return None
                 self._news.wait(left)
 
@@ -202,7 +208,8 @@ class Program:
             except subprocess.TimeoutExpired:
                 self._process.kill()
         self._process.wait()
-        self._reader.join(10)
+        for reader in self._readers:
+            reader.join(10)
 
 
 class Server:
@@ -296,7 +303,7 @@ class Laboratory:
 
     def __exit__(self, *_):
         self._stack.close()
-        # NetworkManager replaces a device that was named to it as one of its own files.
+        # Nobody may have made a plain file of it, as programs do that replace a file by its name.
         if not stat.S_ISCHR(os.stat("/dev/null").st_mode):
             raise LaboratoryError("/dev/null is no character device any more")
 
@@ -413,10 +420,17 @@ class Laboratory:
         """Hands the kernel a uevent, which it broadcasts in this network namespace and ends with a
         SEQNUM of its own."""
         payload = b"".join(text.encode() + b"\0" for text in (summary, *settings))
-        netlink_kobject_uevent, message_type, request = 15, 16, 1
-        header = struct.pack("=IHHII", 16 + len(payload), message_type, request, 0, 0)
+        netlink_kobject_uevent, message_type, request_and_acknowledge = 15, 16, 5
+        header = struct.pack("=IHHII", 16 + len(payload), message_type, request_and_acknowledge, 0,
+                             0)
         with socket.socket(socket.AF_NETLINK, socket.SOCK_DGRAM, netlink_kobject_uevent) as sender:
+            sender.settimeout(10)
             sender.sendto(header + payload, (0, 0))
+            answer = sender.recv(4096)
+        # The acknowledgement: a header, and the error's number, which is 0 if it is none.
+        error = struct.unpack_from("=i", answer, 16)[0]
+        if error:
+            raise LaboratoryError(f"the kernel refuses the uevent: {os.strerror(-error)}")
 
     def flip_lan_switch(self, state):
         self.timeline.add("person", f"flips the LAN switch to {state}")
@@ -466,9 +480,9 @@ class Laboratory:
 
     @staticmethod
     def default_gateway():
-        """The default route's gateway, or nothing."""
+        """The gateways of the default routes, in one line; nothing without any."""
         routes = json.loads(run("ip", "-j", "route", "show", "default"))
-        return routes[0]["gateway"] if routes else None
+        return " ".join(route["gateway"] for route in routes)
 
     @staticmethod
     def name_servers():

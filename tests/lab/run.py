@@ -42,8 +42,7 @@ def play(function, processor, command):
         with Bench(timeline, command, processor, **function.laboratory) as lab:
             timeline.add("laboratory", "is up")
             function(lab)
-            if lab.app:
-                lab.app.finish()
+            lab.check_at_the_end()
             timeline.add("laboratory", "all was as it should be")
     except (Unexpected, LaboratoryError) as unexpected:
         trouble = str(unexpected)

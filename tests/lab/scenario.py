@@ -11,18 +11,20 @@ its situation as its text:
         app.start()
         app.expect_signal(success(NET2))
 
-What holds in every scenario is looked at after its last step; see Application.finish().
+What holds in every scenario is looked at after its last step; see Bench.check_at_the_end().
 """
 
 import re
+import time
 
 from application import Application, check, check_equal
-from laboratory import (CONNECTION, LEASED, PORT, Laboratory, configuration_path, run,
-                        write_configuration)
+from laboratory import (CONNECTION, LEASED, PORT, Laboratory, LaboratoryError, configuration_path,
+                        run, wait_until, write_configuration)
 
 SCENARIOS = {}
 NATIVE, ARM = "native", "arm"
 MASK24 = "255.255.255.0"
+AUDIT = re.compile(r'\[(\d+\.\d+)\] audit: op="connection-(update|activate)"')
 
 
 def scenario(only=None, slow=False, **laboratory):
@@ -74,6 +76,8 @@ def has_lease(lab):
     addresses = lab.addresses()
     check(len(addresses) == 1 and LEASED.fullmatch(addresses[0]),
           f"eth0 has {addresses}, expected one address by DHCP")
+    check_equal(lab.default_gateway(), "", "default gateway, of which the DHCP server names none")
+    check_equal(set(lab.profile("ipv4.method").split()), {"auto"}, "the profile's method")
 
 
 def has_static(lab, network):
@@ -91,6 +95,7 @@ class Bench(Laboratory):
         self._command = command
         self.native = processor == NATIVE
         self.app = None
+        self._started = 0
 
     def configure(self, first, second, enabled=True, connection=CONNECTION):
         """Writes the application's configuration, whole."""
@@ -109,7 +114,9 @@ class Bench(Laboratory):
 
     def application(self, *options, within=()):
         """Starts the application; `within` is a command line that runs another."""
+        check(self.app is None, "one laboratory has one application")
         emulated = [] if self.native else ["--emulated"]
+        self._started = time.time()
         self.app = Application(self, [*within, *self._command, *emulated, *options])
         return self.app
 
@@ -124,7 +131,22 @@ class Bench(Laboratory):
                 "ipv4.addresses", half["ip"] + "/24")
         run("nmcli", "connection", "up", connection)
 
-    def activations(self):
-        """How many activations NetworkManager itself counts, successful or not."""
-        return sum(re.search(r'audit: op="connection-activate"', line) is not None
-                   for line in self.manager.lines)
+    def check_commands(self, expected):
+        """The application has run these command lines and no others; NetworkManager's own account
+        of what it was asked since the application was started is the same."""
+        check_equal(self.app.commands(), expected, "commands")
+        requests = ["update" if " modify " in command else "activate" for command in expected]
+        try:
+            wait_until(lambda: self._requests() == requests, 5, "the same requests")
+        except LaboratoryError:
+            check_equal(self._requests(), requests, "requests, as NetworkManager counts them")
+
+    def _requests(self):
+        found = [AUDIT.search(line) for line in self.manager.lines]
+        return [match[2] for match in found if match and float(match[1]) >= self._started]
+
+    def check_at_the_end(self):
+        """What holds at the end of every scenario."""
+        if self.app:
+            self.app.finish()
+        check(self.manager.running(), "NetworkManager has ended")

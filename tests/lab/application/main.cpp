@@ -7,8 +7,10 @@
 //   log LEVEL TEXT         a line of the library's log
 //   stall MILLISECONDS     the event loop was kept from running
 //   done COMMAND           the command has been carried out
+//   unknown COMMAND        there is no such command
 //   fence NAME             the worker has handled everything before the command "fence NAME"
-//   more N                 log lines that were only counted, see --log-limit
+//   lines N                so many log lines have come so far, also those that --once leaves out
+//   leaked WHAT            see "leak"
 //
 // Lines without a leading @ are the library's own and those of the commands that it runs.
 
@@ -20,6 +22,8 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QMutex>
+#include <QSet>
 #include <QSocketNotifier>
 #include <QStringList>
 #include <QThread>
@@ -34,6 +38,7 @@
 #include <cstdio>
 #include <functional>
 #include <map>
+#include <thread>
 
 void writeLine(const char *kind, const QString &text)
 {
@@ -54,7 +59,18 @@ void writeLine(const char *kind, const QString &text)
 
 namespace {
 std::atomic<int> logLines{ 0 };
-int logLimit = 0;
+bool eachTextOnce = false;
+
+// Whether the text has not been logged before.
+bool isNew(const QString &text)
+{
+    static QMutex mutex;
+    static QSet<QString> texts;
+    const QMutexLocker locker(&mutex);
+    const int before = texts.size();
+    texts.insert(text);
+    return texts.size() > before;
+}
 
 void logHandler(QtMsgType type, const QMessageLogContext &, const QString &text)
 {
@@ -64,7 +80,7 @@ void logHandler(QtMsgType type, const QMessageLogContext &, const QString &text)
                                                               { QtCriticalMsg, "critical" },
                                                               { QtFatalMsg, "fatal" } };
     ++logLines;
-    if (logLimit == 0 || logLines <= logLimit) {
+    if (!eachTextOnce || isNew(text)) {
         writeLine("log", QLatin1String(levels.at(type)) + QLatin1Char(' ') + text);
     }
 }
@@ -88,7 +104,8 @@ void leak(const QString &kind)
     if (kind == QLatin1String("descriptor")) {
         writeLine("leaked", QString::number(dup(STDIN_FILENO)));
     } else if (kind == QLatin1String("thread")) {
-        QThread::create([] { ::pause(); })->start();
+        // Not one of Qt's, which would come with a descriptor.
+        std::thread([] { ::pause(); }).detach();
     } else if (kind == QLatin1String("child") && fork() == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::pause();
@@ -118,10 +135,11 @@ void obey(Hoplane *hoplane, const QStringList &words)
                                                  word(6));
           } },
         { "fence", [&] { passWorkerFence(hoplane, word(1)); } },
-        { "more", [] { writeLine("more", QString::number(logLines - logLimit)); } },
+        { "lines", [] { writeLine("lines", QString::number(logLines)); } },
         // For the laboratory's tests of itself.
         { "stall", [&] { QThread::msleep(word(1).toULong()); } },
         { "leak", [&] { leak(word(1)); } },
+        { "murmur", [&] { std::fputs(qPrintable(word(1)), stderr); } },
     };
     const auto command = commands.find(word(0));
     if (command == commands.end()) {
@@ -163,11 +181,11 @@ int main(int argc, char **argv)
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName("laboratory");
     QCommandLineParser parser;
-    const QCommandLineOption limit("log-limit", "Only count log lines after the first N.", "N");
+    const QCommandLineOption once("once", "Write each text of the log once only.");
     const QCommandLineOption emulated("emulated", "An emulator runs this; see stallmeter.h.");
-    parser.addOptions({ limit, emulated });
+    parser.addOptions({ once, emulated });
     parser.process(application);
-    logLimit = parser.value(limit).toInt();
+    eachTextOnce = parser.isSet(once);
     qInstallMessageHandler(logHandler);
 
     Hoplane *hoplane = Hoplane::instance();

@@ -32,8 +32,7 @@ def device_file_imported(lab):
     app = lab.application()
     app.start()
     app.expect_signal(success(NET2))
-    check_equal(app.commands(), static_commands(lab.uuid, static(NET1))
-                + automatic_commands(lab.uuid), "commands")
+    lab.check_commands(static_commands(lab.uuid, static(NET1)) + automatic_commands(lab.uuid))
     check_equal(DEVICE_FILE.read_bytes(), before, "the device's file")
     has_lease(lab)
 
@@ -49,28 +48,42 @@ def device_file_unreadable(lab):
     app = lab.application()
     app.start()
     app.expect_signal(success(NET2))
-    check_equal(app.commands(), automatic_commands(lab.uuid), "commands")
+    lab.check_commands(automatic_commands(lab.uuid))
     has_lease(lab)
 
 
 @scenario()
 def writers_called_during_a_search(lab):
-    """The application writes other settings while a search runs: in force at the next search."""
+    """The application writes other servers, addressing and another connection's name while a search
+    is in its first pass: the second pass goes on with the old ones, the next search has the new."""
     lab.configure(first=static(NET1), second=dhcp(NET2))
-    lab.start_server(NET2.server)
+    lab.add_profile("other")
     app = lab.application()
     app.start()
     app.expect_log(fails(NET1), times=2)
+    new_first, new_second = static(NET2), static(NET1, ip="198.51.100.7")
     app.save_servers(True, NET2.server, NET1.server)
-    app.save_addressing("first", addressing(static(NET2)))
-    app.save_addressing("second", addressing(dhcp(NET1)))
+    app.save_addressing("first", addressing(new_first))
+    app.save_addressing("second", addressing(new_second))
+    app.save_connection("other")
+    app.expect_log(fails(NET1), times=9)  # The ninth is the first of the second pass.
+    lab.start_server(NET2.server)
     app.expect_signal(success(NET2))
     has_lease(lab)
-    check_equal(app.logged(fails(NET1)), 10, "failed attempts")
+    app.expect_no_signal()
+    old = static_commands(lab.uuid, static(NET1)) + automatic_commands(lab.uuid)
+    lab.check_commands(2 * old)
+    check_equal((app.logged(fails(NET1)), app.logged(fails(NET2))), (20, 10), "failed attempts")
+
+    lab.stop_server(NET2.server)
+    lab.start_server(NET1.server)
     app.start()
-    app.expect_signal(success(NET2))
-    has_static(lab, NET2)
-    check_equal(app.logged(fails(NET1)), 10, "failed attempts")
+    app.expect_signal(success(NET1))
+    check_equal(lab.addresses(), ["198.51.100.7/24"], "addresses of eth0")
+    other = lab.profile("connection.uuid", "other")
+    first = static_commands(other, new_first)
+    lab.check_commands([*old, *old, *first, first[1], *static_commands(other, new_second)])
+    check_equal(app.logged(fails(NET2)), 10 + 20, "failed attempts")
 
 
 @scenario()
@@ -82,7 +95,7 @@ def enabled_by_the_writer(lab):
     app = lab.application()
     app.start()
     app.expect_no_signal()
-    check_equal(app.commands(), [], "commands")
+    lab.check_commands([])
     app.save_servers(True, NET1.server, NET2.server)
     app.start()
     app.expect_signal(success(NET1))
