@@ -10,16 +10,26 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 
 namespace {
 constexpr int intervalMs = 5;
 constexpr qint64 limitMs = 50;
 constexpr qint64 nanosecondsPerMs = 1'000'000;
+constexpr qint64 msPerSecond = 1000;
 constexpr qint64 intervalNs = intervalMs * nanosecondsPerMs;
 
 qint64 nowNs()
 {
     return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// What all threads together have had of the processors.
+qint64 processorNs()
+{
+    timespec time = {};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return time.tv_sec * nanosecondsPerMs * msPerSecond + time.tv_nsec;
 }
 } // namespace
 
@@ -46,12 +56,11 @@ void StallMeter::keepTicking()
 StallMeter::Reading StallMeter::read() const
 {
     Reading reading;
-    // The main thread's: nanoseconds on a processor, nanoseconds ready without one.
+    // The main thread's; its second number is the nanoseconds that it was ready without a processor.
     QFile file(QStringLiteral("/proc/self/schedstat"));
     if (file.open(QIODevice::ReadOnly)) {
         const QList<QByteArray> numbers = file.readAll().split(' ');
-        reading.excused =
-                numbers.value(1).toLongLong() + (m_emulated ? numbers.value(0).toLongLong() : 0);
+        reading.excused = numbers.value(1).toLongLong() + (m_emulated ? processorNs() : 0);
     }
     reading.tick = nowNs();
     // With what the second thread is late by just now.

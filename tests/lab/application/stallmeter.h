@@ -10,8 +10,8 @@ class QTimerEvent;
 // Tells of each time that the event loop of its thread was kept from running for more than 50 ms:
 // a line "stall MILLISECONDS". What the machine itself costs does not count: the time that the
 // thread was ready and waited for a processor, and that by which a second thread, which does
-// nothing but tick, was late as well. Of an emulated program neither does the time that the thread
-// ran, since most of it goes into the translation.
+// nothing but tick, was late as well. Of an emulated program neither does the time that its
+// threads ran, since most of it goes into the translation, for which they wait for one another.
 class StallMeter : public QObject
 {
     Q_OBJECT
