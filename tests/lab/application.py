@@ -6,6 +6,7 @@ import collections
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import time
 
@@ -89,10 +90,12 @@ class Application:
 
     # What it is told to do.
 
-    def tell(self, *words):
-        """Gives it a command and waits until that has been carried out."""
-        self._program.say("\t".join(words))
-        self._next("done", lambda event: event.text == words[0], 30, f"not done: {words[0]}")
+    def tell(self, *words, times=1):
+        """Gives it a command so many times at once, and waits until that has been carried out."""
+        for _ in range(times):
+            self._program.say("\t".join(words))
+        for _ in range(times):
+            self._next("done", lambda event: event.text == words[0], 30, f"not done: {words[0]}")
 
     def start(self):
         """Emits start(); returns the time just before it."""
@@ -110,6 +113,13 @@ class Application:
     def save_addressing(self, which, addressing):
         """Calls the writer of the "first" or the "second" network's addressing."""
         self.tell(which, *addressing.values())
+
+    def hold(self):
+        """Stops all its threads, until go_on()."""
+        self._program.send(signal.SIGSTOP)
+
+    def go_on(self):
+        self._program.send(signal.SIGCONT)
 
     def end(self):
         self._program.stop()
@@ -215,11 +225,19 @@ class Application:
 
     def netlink_queue(self):
         """How many bytes wait in the watcher's socket; nothing before it is bound."""
+        row = self._netlink_row()
+        return row and int(row[4])
+
+    def netlink_losses(self):
+        """How many messages the kernel has dropped because the watcher's socket was full."""
+        return int(self._netlink_row()[8])
+
+    def _netlink_row(self):
         own = {match[1] for name in self._files() if (match := re.match(r"socket:\[(\d+)\]", name))}
         for line in pathlib.Path("/proc/net/netlink").read_text().splitlines()[1:]:
-            _, protocol, _, groups, queued, *_, inode = line.split()
-            if inode in own and (protocol, int(groups, 16)) in (("0", 1), ("15", 0xFFFFFFFF)):
-                return int(queued)
+            row = line.split()
+            if row[9] in own and (row[1], int(row[3], 16)) in (("0", 1), ("15", 0xFFFFFFFF)):
+                return row
         return None
 
     def _watcher_waits(self):
@@ -241,6 +259,8 @@ class Application:
         check(self._program.running(), "the application has ended")
         stalls = [event.text for event in self._of_kind["stall"]]
         check_equal(stalls, [], "the event loop was kept from running, for so many ms")
+        strays = [event.text for event in self._of_kind["stray"]]
+        check_equal(strays, [], "signals outside the application's thread")
         try:
             wait_until(lambda: self.holds() == self.at_first, 5, "the same as at first")
         except LaboratoryError:

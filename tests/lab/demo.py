@@ -186,8 +186,8 @@ def main():
         print("NetworkManager's last lines:", *story.manager_log[-20:], sep="\n  ")
         print(f"\nNot as it should be: {failure}", file=sys.stderr)
         return 1
-    print("\nEverything shown was checked. The laboratory is gone; nothing on this machine has"
-          " changed.")
+    print("\nEverything shown was checked. The laboratory is gone, with the namespaces of its own"
+          " in which all of it ran.")
     return 0
 
 

@@ -23,10 +23,10 @@ from scenario import SCENARIOS, dhcp, scenario, static, static_commands
 APPLICATION = ""
 
 
-def play(function):
+def play(function, processor="native"):
     """Plays a scenario in a sandbox of its own; returns its exit status and what it printed."""
     done = subprocess.run([run.SANDBOX, "/usr/bin/python3", "-B", __file__, "--play",
-                           function.__name__, APPLICATION], stdout=subprocess.PIPE,
+                           function.__name__, processor, APPLICATION], stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, text=True, check=False)
     return done.returncode, done.stdout
 
@@ -51,6 +51,21 @@ def nothing_wrong(lab):
 def stalled_event_loop(lab):
     """The event loop is kept for 80 ms."""
     searched(lab).tell("stall", "80")
+
+
+@scenario(only="itself")
+def long_stalled_event_loop(lab):
+    """The event loop is kept for 200 ms."""
+    searched(lab).tell("stall", "200")
+
+
+@scenario(only="itself")
+def endless_scenario(lab):
+    """The scenario does not end by itself."""
+    run.signal.alarm(3)
+    lab.start_server(NET1.server)
+    while True:
+        run_command("sleep", "0.1")
 
 
 @scenario(only="itself")
@@ -154,8 +169,8 @@ def device_node_replaced(_lab):
 class Faults(unittest.TestCase):
     """Each scenario above, with what has to be said of it."""
 
-    def fails(self, function, *texts):
-        status, printed = play(function)
+    def fails(self, function, *texts, processor="native"):
+        status, printed = play(function, processor)
         self.assertEqual(status, 1, printed)
         verdict = printed.rpartition("\nNot as it should be: ")[2]
         for text in texts:
@@ -175,6 +190,14 @@ class Faults(unittest.TestCase):
 
     def test_stall(self):
         self.fails(stalled_event_loop, "the event loop was kept from running", "seen:     ['")
+
+    def test_stall_of_an_emulated_program(self):
+        # What an emulator would cost is excused, a sleep is not.
+        self.fails(long_stalled_event_loop, "the event loop was kept from running", "seen:     ['",
+                   processor="arm")
+
+    def test_endless(self):
+        self.fails(endless_scenario, "the scenario does not end within")
 
     def test_short_stall(self):
         status, printed = play(event_loop_kept_a_little)
@@ -251,7 +274,7 @@ class Faults(unittest.TestCase):
             with unittest.mock.patch.object(run, "SANDBOX", sandbox), \
                     contextlib.redirect_stdout(printed):
                 self.assertEqual(run.main(["no_file", "native", "true"]), int(touches))
-            self.assertEqual("The machine outside the laboratory was touched" in printed.getvalue(),
+            self.assertEqual("/userdata/netSettings.ini\n    before: []\n" in printed.getvalue(),
                              touches)
         pathlib.Path("/userdata/netSettings.ini").unlink()
 
@@ -268,7 +291,7 @@ class Faults(unittest.TestCase):
 if __name__ == "__main__":
     APPLICATION = sys.argv.pop()
     if sys.argv[1:2] == ["--play"]:
-        sys.exit(run.play(SCENARIOS[sys.argv[2]], "native", [APPLICATION]))
+        sys.exit(run.play(SCENARIOS[sys.argv[2]], sys.argv[3], [APPLICATION]))
     if os.environ.get("HOME") != "/sandbox/home":
         os.execv(run.SANDBOX, [str(run.SANDBOX), "/usr/bin/python3", "-B", *sys.argv, APPLICATION])
     unittest.main()

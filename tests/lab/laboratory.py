@@ -93,8 +93,11 @@ class LaboratoryError(Exception):
 
 def run(*command, check=True):
     """Runs a command to its end and returns what it printed."""
-    done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, text=True, check=False)
+    try:
+        done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True, check=False, timeout=120)
+    except subprocess.TimeoutExpired as late:
+        raise LaboratoryError(f"{' '.join(command)}: no end\n{late.stdout}") from None
     if check and done.returncode != 0:
         raise LaboratoryError(f"{' '.join(command)}: exit {done.returncode}\n{done.stdout}")
     return done.stdout
@@ -399,11 +402,14 @@ class Laboratory:
         state = pathlib.Path("/sys/class/net/eth0/operstate")
         wait_until(lambda: state.read_text().strip() in states, 10, f"eth0 {states[0]}")
 
-    def requests_dropped(self):
-        """How many requests for a connection the servers have dropped because they were busy."""
-        text = pathlib.Path(f"/proc/{self._servers_side.pid}/net/netstat").read_text()
-        names, values = (line.split() for line in text.splitlines() if line.startswith("TcpExt:"))
-        return int(values[names.index("ListenOverflows")])
+    @staticmethod
+    def sockets_without_an_answer(address):
+        """The device's sockets that have asked the server for a connection and wait."""
+        server = f"{socket.inet_aton(address)[::-1].hex().upper()}:{PORT:04X}"
+        waiting = "02"
+        rows = [line.split() for line in
+                pathlib.Path("/proc/net/tcp").read_text().splitlines()[1:]]
+        return {row[9] for row in rows if row[2:4] == [server, waiting]}
 
     def add_second_cable(self):
         """Another wired interface, eth1, which leads nowhere."""

@@ -14,6 +14,7 @@ import importlib
 import json
 import os
 import pathlib
+import signal
 import subprocess
 import sys
 import traceback
@@ -23,6 +24,8 @@ from laboratory import LaboratoryError, Timeline
 from scenario import SCENARIOS, Bench
 
 HERE = pathlib.Path(__file__).resolve().parent
+# Of a scenario, in seconds; somewhat less than what its test has.
+LIMIT = 370
 SANDBOX = HERE.parent.parent / "script" / "sandbox"
 
 
@@ -38,6 +41,8 @@ def play(function, processor, command):
     timeline = Timeline()
     print(f"{function.__name__} ({processor}): {function.__doc__.strip()}\n")
     trouble = None
+    signal.signal(signal.SIGALRM, give_up)
+    signal.alarm(LIMIT)
     try:
         with Bench(timeline, command, processor, **function.laboratory) as lab:
             timeline.add("laboratory", "is up")
@@ -53,6 +58,10 @@ def play(function, processor, command):
     print(*timeline.lines(*([] if trouble else ["manager", "dhcp"])), sep="\n")
     print(f"\nNot as it should be: {trouble}" if trouble else "\nAs it should be.")
     return 1 if trouble else 0
+
+
+def give_up(*_):
+    raise LaboratoryError(f"the scenario does not end within {LIMIT} s")
 
 
 def fingerprint():
@@ -112,7 +121,10 @@ def main(arguments):
                             check=False).returncode
     after = fingerprint()
     if before != after:
-        print(f"\nThe machine outside the laboratory was touched:\n{before}\n{after}")
+        print("\nThe machine outside the laboratory was touched:")
+        for mark in before:
+            if before[mark] != after[mark]:
+                print(f"  {mark}\n    before: {before[mark]}\n    after:  {after[mark]}")
         return 1
     return status
 

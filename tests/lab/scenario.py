@@ -17,9 +17,9 @@ What holds in every scenario is looked at after its last step; see Bench.check_a
 import re
 import time
 
-from application import Application, check, check_equal
-from laboratory import (CONNECTION, LEASED, PORT, Laboratory, LaboratoryError, configuration_path,
-                        run, wait_until, write_configuration)
+from application import Application, check, check_equal, success
+from laboratory import (CONNECTION, LEASED, NET1, PORT, Laboratory, LaboratoryError,
+                        configuration_path, run, wait_until, write_configuration)
 
 SCENARIOS = {}
 NATIVE, ARM = "native", "arm"
@@ -80,11 +80,31 @@ def has_lease(lab):
     check_equal(set(lab.profile("ipv4.method").split()), {"auto"}, "the profile's method")
 
 
+def has_lease_as_before(lab, app):
+    """The first network's addressing has been applied, and has changed nothing: the device has its
+    lease while the first server is still tried."""
+    app.expect_log("setFirstStaticIpAddr . run successful$")
+    has_lease(lab)
+
+
 def has_static(lab, network):
     check_equal(lab.addresses(), [network.device + "/24"], "addresses of eth0")
     check_equal(lab.default_gateway(), network.server, "default gateway")
     check_equal(lab.name_servers(), network.dns, "name servers")
     check_equal(lab.profile("ipv4.method"), "manual", "the profile's method")
+
+
+def pull_and_plug(lab, app):
+    """One begin, then one new search."""
+    lab.pull_cable()
+    app.expect_output(r"^\d+: down eth0$")
+    app.expect_signal("switchBegin")
+    app.expect_no_signal()
+    lab.plug_cable()
+    app.expect_output(r"^\d+: up eth0$")
+    app.expect_signal("start")
+    app.expect_signal(success(NET1))
+    app.expect_no_signal()
 
 
 class Bench(Laboratory):
@@ -135,7 +155,11 @@ class Bench(Laboratory):
         """The application has run these command lines and no others; NetworkManager's own account
         of what it was asked since the application was started is the same."""
         check_equal(self.app.commands(), expected, "commands")
-        requests = ["update" if " modify " in command else "activate" for command in expected]
+        self.check_requests(["update" if " modify " in command else "activate"
+                             for command in expected])
+
+    def check_requests(self, requests):
+        """So much of what the commands were to do has reached NetworkManager."""
         try:
             wait_until(lambda: self._requests() == requests, 5, "the same requests")
         except LaboratoryError:

@@ -4,6 +4,7 @@
 //
 //   ready                  the facade is made and the event loop runs
 //   signal NAME ARGUMENTS  a signal of the facade
+//   stray NAME ARGUMENTS   the same, in another thread than the main one
 //   log LEVEL TEXT         a line of the library's log
 //   stall MILLISECONDS     the event loop was kept from running
 //   done COMMAND           the command has been carried out
@@ -87,7 +88,10 @@ void logHandler(QtMsgType type, const QMessageLogContext &, const QString &text)
 
 void reportSignals(Hoplane *hoplane)
 {
-    const auto report = [](const QString &text) { writeLine("signal", text); };
+    const auto report = [](const QString &text) {
+        const bool ownThread = QThread::currentThread() == QCoreApplication::instance()->thread();
+        writeLine(ownThread ? "signal" : "stray", text);
+    };
     QObject::connect(hoplane, &Hoplane::start, [=] { report("start"); });
     QObject::connect(hoplane, &Hoplane::switchBegin, [=] { report("switchBegin"); });
     QObject::connect(hoplane, &Hoplane::switchSuccess, [=](const QString &ip, const QString &port) {

@@ -4,9 +4,11 @@
 #include "line.h"
 
 #include <QByteArray>
-#include <QFile>
 #include <QThread>
 #include <QTimerEvent>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -36,6 +38,7 @@ qint64 processorNs()
 StallMeter::StallMeter(bool emulated, QObject *parent)
     : QObject(parent)
     , m_emulated(emulated)
+    , m_schedstat(open("/proc/self/schedstat", O_RDONLY | O_CLOEXEC))
     , m_controlTick(nowNs())
     , m_last(read())
 {
@@ -57,11 +60,9 @@ StallMeter::Reading StallMeter::read() const
 {
     Reading reading;
     // The main thread's; its second number is the nanoseconds that it was ready without a processor.
-    QFile file(QStringLiteral("/proc/self/schedstat"));
-    if (file.open(QIODevice::ReadOnly)) {
-        const QList<QByteArray> numbers = file.readAll().split(' ');
-        reading.excused = numbers.value(1).toLongLong() + (m_emulated ? processorNs() : 0);
-    }
+    QByteArray text(100, '\0');
+    text.truncate(int(qMax<ssize_t>(0, pread(m_schedstat, text.data(), size_t(text.size()), 0))));
+    reading.excused = text.split(' ').value(1).toLongLong() + (m_emulated ? processorNs() : 0);
     reading.tick = nowNs();
     // With what the second thread is late by just now.
     reading.late = m_controlLate + std::max<qint64>(0, reading.tick - m_controlTick - intervalNs);

@@ -11,7 +11,8 @@ class QTimerEvent;
 // a line "stall MILLISECONDS". What the machine itself costs does not count: the time that the
 // thread was ready and waited for a processor, and that by which a second thread, which does
 // nothing but tick, was late as well. Of an emulated program neither does the time that its
-// threads ran, since most of it goes into the translation, for which they wait for one another.
+// threads ran, since most of it goes into the translation, for which they wait for one another;
+// there it tells of a main thread that sleeps.
 class StallMeter : public QObject
 {
     Q_OBJECT
@@ -33,6 +34,7 @@ private:
     void keepTicking();
 
     bool m_emulated;
+    int m_schedstat;
     std::atomic<qint64> m_controlTick;
     std::atomic<qint64> m_controlLate{ 0 };
     Reading m_last;

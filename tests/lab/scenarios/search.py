@@ -1,15 +1,20 @@
 # SPDX-License-Identifier: MIT
 """Searches: which server is reached, over which addressing, after how many attempts."""
 
+import time
+
 from application import check, check_equal, success
 from laboratory import NET1, NET2, run, wait_until
-from scenario import (ARM, NATIVE, automatic_commands, dhcp, fails, has_lease, has_static, scenario,
-                      static, static_commands)
+from scenario import (ARM, NATIVE, automatic_commands, dhcp, fails, has_lease, has_lease_as_before,
+                      has_static, pull_and_plug, scenario, static, static_commands)
 
-# Of a search, in seconds. The library reads the wall clock in whole milliseconds, the laboratory
-# the monotonic one, and the two of one machine differ a little over such a time.
+# Of a search, in seconds.
 LIMIT = 120
+# The library reads the wall clock in whole milliseconds, the laboratory the monotonic one, and the
+# two of one machine differ a little over such a time.
 TWO_CLOCKS = 0.1
+# A request goes through a pipe and two threads before the search begins.
+ON_THE_WAY = 2
 
 
 @scenario()
@@ -49,7 +54,7 @@ def both_servers_dead(lab):
     lab.configure(first=static(NET1), second=dhcp(NET2))
     app = lab.application()
     began = app.start()
-    app.expect_failure(within=180)
+    failed = app.expect_failure(within=180)
     app.expect_no_signal()
     attempts = [event for event in app.events
                 if event.kind == "log" and "connect to host fail" in event.text]
@@ -61,16 +66,23 @@ def both_servers_dead(lab):
                     if f'"{network.server}"' in event.text]
         check_equal(networks, 10 * [NET1] + 10 * [NET2], f"attempts of pass {number + 1}")
     ends = [event.when - began for event in attempts[19::20]]
-    check(ends[-2] < LIMIT + TWO_CLOCKS, f"a pass began after {ends[-2]:.3f} s")
+    check(ends[-2] < LIMIT + ON_THE_WAY, f"a pass began after {ends[-2]:.3f} s")
     check(ends[-1] > LIMIT - TWO_CLOCKS, f"none began, though only {ends[-1]:.3f} s had passed")
     # Nothing lies between the last attempt and the end.
     after = [event.text for event in app.events[app.events.index(attempts[-1]) + 1:]
-             if event.kind in ("log", "signal") and "Hoplane" not in event.text]
+             if event.kind in ("log", "signal") and " [ network" not in event.text]
     check_equal(after[:1], ["info [ findAvailableIp ]  switch time out"], "the line after it")
+    check(failed - attempts[-1].when < 2, f"told {failed - attempts[-1].when:.1f} s later")
     check_equal((app.logged("switch time out"), app.logged("slotFinish")), (1, 1),
                 "lines of the time limit and of the end")
     lab.check_commands(passes * (static_commands(lab.uuid, static(NET1))
                                  + automatic_commands(lab.uuid)))
+    lab.start_server(NET1.server)
+    if lab.native:
+        pull_and_plug(lab, app)
+    else:
+        app.start()
+        app.expect_signal(success(NET1))
 
 
 @scenario()
@@ -95,12 +107,21 @@ def first_server_answers_at_the_third_attempt(lab):
     server.be_too_busy()
     app = lab.application()
     app.start()
-    # An attempt asks at its beginning and, without waiting, once more at its end. So the third
-    # request begins the second attempt, and nearly all its 500 ms are left.
-    wait_until(lambda: lab.requests_dropped() >= 3, 10, "the second attempt")
+    app.expect_log(fails(NET1))
+    # At the end of an attempt Qt's socket asks once more and does not wait, so a socket that stays
+    # is the next attempt's.
+    looks = [set()]
+    wait_until(lambda: looks.append(lab.sockets_without_an_answer(NET1.server))
+               or looks[-1] & looks[-2], 10, "the second attempt")
     server.listen()
+    listens = time.monotonic()
     app.expect_signal(success(NET1))
-    check_equal(app.logged(fails(NET1)), 2, "failed attempts")
+    # Two, unless the laboratory itself was late: then that attempt too which ran at that time, or
+    # was about to.
+    before = sum(event.kind == "log" and event.when < listens and "host fail" in event.text
+                 for event in app.events)
+    check(app.logged(fails(NET1)) in (before, before + 1), f"{app.logged(fails(NET1))} failed "
+          f"attempts, {before} of them before the server answered")
     has_static(lab, NET1)
 
 
@@ -108,16 +129,18 @@ def first_server_answers_at_the_third_attempt(lab):
 def first_server_is_a_black_hole(lab):
     """The first server listens, but its answers are lost on the way."""
     lab.configure(first=static(NET1), second=dhcp(NET2))
-    lab.start_server(NET1.server)
-    lab.start_server(NET2.server)
+    accepted = []
+    lab.start_server(NET1.server, accepted.append)
+    lab.start_server(NET2.server, accepted.append)
     lab.lose_answers_to(NET1.device)
     app = lab.application()
-    began = app.start()
-    reached = app.expect_signal(success(NET2), within=60)
+    app.start()
+    times = [app.expect_log(fails(NET1)) for _ in range(10)]
+    app.expect_signal(success(NET2))
     check_equal(app.logged(fails(NET1)), 10, "failed attempts")
-    check(reached - began >= 5.5, f"reached after {reached - began:.1f} s")
-    check(not any("198.51.100.1 accepted" in line for line in lab.timeline.lines()),
-          "the black hole accepted a connection")
+    check(4.5 <= times[-1] - times[0] < 7, f"nine of them took {times[-1] - times[0]:.2f} s")
+    has_lease(lab)
+    check_equal([f"{peer}/24" for peer in accepted], lab.addresses(), "who was accepted")
 
 
 @scenario()
@@ -148,7 +171,7 @@ def both_static_and_no_address(lab):
     took = app.expect_failure(within=150) - began
     used, waited = app.awake_seconds()
     used, waited = used - used_before, waited - waited_before
-    check(LIMIT - TWO_CLOCKS < took < LIMIT + 2, f"the failure came after {took:.3f} s")
+    check(LIMIT - TWO_CLOCKS < took < LIMIT + ON_THE_WAY, f"the failure came after {took:.3f} s")
     app.expect_no_signal()
     lab.check_commands([])
     turns = [f"info [ {function} ] {text}"
@@ -159,7 +182,7 @@ def both_static_and_no_address(lab):
     check_equal([text for text in app.log_lines("") if " [ network" not in text][4:],
                 [*turns, "info [ findAvailableIp ]  switch time out",
                  'warning [ slotFinish ] "slotFinish 71: addressChanged :0"'], "the log's texts")
-    check(used + waited > 0.9 * took, f"on a processor for {used:.1f} s, ready for one for "
+    check(used + waited > 0.5 * took, f"on a processor for {used:.1f} s, ready for one for "
           f"{waited:.1f} s, of {took:.1f} s")
     lines = app.answer("lines") - lines_before
     lab.timeline.add("measured", f"{used / took:.2f} processors, "
@@ -177,6 +200,22 @@ def static_network_tried_first(lab):
     app.expect_signal(success(NET1))
     has_static(lab, NET1)
     lab.check_commands(static_commands(lab.uuid, static(NET1)))
+
+
+@scenario(only=NATIVE)
+def automatic_network_tried_second(lab):
+    """The first network is automatic, the second static and its server dead: the other order to its
+    end, and the file keeps its own."""
+    path = lab.configure(first=dhcp(NET2), second=static(NET1))
+    before = path.read_bytes()
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2))
+    has_lease(lab)
+    check_equal(app.logged(fails(NET1)), 10, "failed attempts")
+    lab.check_commands(static_commands(lab.uuid, static(NET1)) + automatic_commands(lab.uuid))
+    check_equal(path.read_bytes(), before, "the configuration file")
 
 
 @scenario(only=ARM)
@@ -215,7 +254,8 @@ def cable_out_then_plugged(lab):
     app.start()
     app.expect_log(fails(NET2), times=10, within=90)
     lab.plug_cable()
-    app.expect_signal(success(NET1), within=60)
+    app.expect_signal(success(NET1))
+    check_equal(app.logged(fails(NET2)), 10, "failed attempts at the second server")
     if lab.native:
         # The notice that the link is up waited for the end of the search, and asks for another.
         app.expect_signal("start")
@@ -242,6 +282,20 @@ def unknown_connection_name(lab):
 
 
 @scenario()
+def name_with_blanks_and_other_letters(lab):
+    """The connection's name has blanks and letters beyond ASCII."""
+    name = "Kabel Büro 1"
+    lab.add_profile(name)
+    lab.configure(first=static(NET1), second=dhcp(NET2), connection=name)
+    lab.start_server(NET1.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET1))
+    lab.check_commands(static_commands(lab.profile("connection.uuid", name), static(NET1)))
+    check_equal(lab.addresses(), [NET1.device + "/24"], "addresses of eth0")
+
+
+@scenario()
 def empty_name_and_one_active_connection(lab):
     """No connection is named, and one is active: that one is taken."""
     lab.configure(first=static(NET1), second=dhcp(NET2), connection="")
@@ -265,7 +319,9 @@ def empty_name_and_two_active_connections(lab):
     lab.start_server(NET2.server)
     app = lab.application()
     app.start()
+    has_lease_as_before(lab, app)
     app.expect_signal(success(NET2), within=60)
+    lab.check_requests([])
     names = {lab.uuid, lab.profile("connection.uuid", "other")}
     for command in app.commands():
         check(command.startswith("nmcli connection ") and
@@ -285,7 +341,9 @@ def empty_name_and_a_listed_loopback(lab):
     lab.start_server(NET2.server)
     app = lab.application()
     app.start()
+    has_lease_as_before(lab, app)
     app.expect_signal(success(NET2), within=60)
+    lab.check_requests([])
     check_equal(app.logged("getNetWorkUuid"), 2, "look-ups")
     loopback = lab.profile("connection.uuid", "lo")
     for command in app.commands():
@@ -313,11 +371,16 @@ def searches_again(lab, app):
 
 @scenario()
 def no_file(lab):
-    """There is no configuration file: nothing is signalled."""
+    """There is no configuration file, at first, and once more later: nothing is signalled."""
     app = never_signals(lab)
     check_equal(app.logged(rf'  switch congif file: "{lab.configuration}" '
                            'not exist,can not do net switc.$'), 1, "lines of the missing file")
     searches_again(lab, app)
+    app.expect_no_signal()
+    lab.configuration.unlink()
+    app.start()
+    app.expect_no_signal()
+    lab.check_commands(static_commands(lab.uuid, static(NET1)))
 
 
 @scenario()
@@ -339,6 +402,7 @@ def unreadable_file(lab):
     app = lab.application(within=["setpriv", "--bounding-set", "-dac_override,-dac_read_search"])
     app.start()
     app.expect_no_signal()
+    lab.check_commands([])
     check_equal(app.logged(' switch info:first serverIp: "" ,serverPort: ""$'), 1, "summaries")
     lab.configuration.chmod(0o600)
     searches_again(lab, app)
@@ -350,8 +414,7 @@ def three_starts_in_a_row(lab):
     lab.configure(first=static(NET1), second=dhcp(NET2))
     lab.start_server(NET1.server)
     app = lab.application()
-    for _ in range(3):
-        app.tell("start")
+    app.tell("start", times=3)
     for _ in range(3):
         app.expect_signal("start")
     for _ in range(3):
@@ -392,21 +455,39 @@ def netmask_of_a_class_a_network(lab):
 
 
 @scenario()
-def address_that_is_none(lab):
-    """The first network's address is none: NetworkManager refuses it, and the device keeps what its
-    profile had before."""
+def text_that_is_no_address(lab):
+    """The first network's address is not an address: NetworkManager refuses it, and the device
+    keeps what its profile had before."""
     lab.configure(first=static(NET1, ip="198.51.100.999"), second=dhcp(NET2))
     lab.start_server(NET2.server)
     app = lab.application()
     app.start()
+    has_lease_as_before(lab, app)
     app.expect_signal(success(NET2))
-    check_equal(app.logged("setFirstStaticIpAddr . run successful$"), 1, "lines of the addressing")
-    check_equal(lab.profile("ipv4.addresses"), "", "addresses of the profile")
+    check_equal(lab.profile("connection.autoconnect"), "no", "the profile's autoconnect")
+
+
+@scenario()
+def gateway_and_name_servers_left_out(lab):
+    """Both networks are static, and the second one has no gateway and no name servers: the profile
+    keeps those of the first one."""
+    second = static(NET2) | {"gateway": "", "dns1": "", "dns2": ""}
+    lab.configure(first=static(NET1), second=second)
+    lab.give_address(dhcp(NET2))
+    lab.start_server(NET2.server)
+    app = lab.application()
+    app.start()
+    app.expect_signal(success(NET2))
+    check_equal(lab.addresses(), [NET2.device + "/24"], "addresses of eth0")
+    check_equal((lab.default_gateway(), lab.name_servers()), (NET1.server, NET1.dns),
+                "default gateway and name servers")
+    check_equal(app.commands()[-2], f"nmcli connection modify uuid {lab.uuid} ipv4.addresses "
+                f"{NET2.device}/24    connection.autoconnect yes ipv4.method manual", "command")
 
 
 @scenario()
 def reached_server_dies(lab):
-    """The server that a search reached dies: nobody looks again, until the next search."""
+    """The server that a search reached dies; the next search reaches the other one."""
     lab.configure(first=static(NET1), second=dhcp(NET2))
     lab.start_server(NET1.server)
     lab.start_server(NET2.server)

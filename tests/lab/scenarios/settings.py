@@ -24,7 +24,7 @@ def write_device_file(master, slave, connection=CONNECTION):
 def device_file_imported(lab):
     """The device's file has a static main network and a spare one with DHCP; the configuration file
     has the servers, another connection and the networks exchanged. The search uses what was
-    imported."""
+    imported, and what is written later is not imported over."""
     lab.configure(first=dhcp(NET1), second=static(NET2), connection="wan")
     write_device_file(master=static(NET1), slave=dhcp(NET2))
     before = DEVICE_FILE.read_bytes()
@@ -35,10 +35,16 @@ def device_file_imported(lab):
     lab.check_commands(static_commands(lab.uuid, static(NET1)) + automatic_commands(lab.uuid))
     check_equal(DEVICE_FILE.read_bytes(), before, "the device's file")
     has_lease(lab)
+    app.expect_no_signal()
+    app.save_connection("wan")
+    app.start()
+    app.expect_signal(success(NET2))
+    check_equal(app.logged('get uuid is empty,d->strConnectionName= "wan"$'), 2,
+                "look-ups of the connection that was written later")
 
 
 @scenario()
-def device_file_unreadable(lab):
+def device_file_is_a_folder(lab):
     """The device's file is a folder: the connection's name and the addressing are emptied, so the
     active connection is taken, with automatic addressing."""
     lab.configure(first=static(NET2), second=static(NET1), connection="wan")
@@ -107,8 +113,11 @@ def notice_of_the_current_server(lab):
     """The application tells which server it uses: accepted, without any effect."""
     lab.configure(first=static(NET1), second=dhcp(NET2))
     lab.start_server(NET1.server)
+    lab.start_server(NET2.server)
     app = lab.application()
     app.tell("current", NET2.server)
     app.expect_no_signal()
+    lab.check_commands([])
     app.start()
     app.expect_signal(success(NET1))
+    lab.check_commands(static_commands(lab.uuid, static(NET1)))
