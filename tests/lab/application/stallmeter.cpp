@@ -59,7 +59,7 @@ void StallMeter::keepTicking()
 StallMeter::Reading StallMeter::read() const
 {
     Reading reading;
-    // The main thread's; its second number is the nanoseconds that it was ready without a processor.
+    // The main thread's. Its second number: nanoseconds for which it was ready without a processor.
     QByteArray text(100, '\0');
     text.truncate(int(qMax<ssize_t>(0, pread(m_schedstat, text.data(), size_t(text.size()), 0))));
     reading.excused = text.split(' ').value(1).toLongLong() + (m_emulated ? processorNs() : 0);
