@@ -116,9 +116,11 @@ class Application:
 
     def hold(self):
         """Stops all its threads, until go_on()."""
+        self._lab.timeline.add("person", "stops the application")
         self._program.send(signal.SIGSTOP)
 
     def go_on(self):
+        self._lab.timeline.add("person", "lets the application go on")
         self._program.send(signal.SIGCONT)
 
     def end(self):
@@ -159,7 +161,7 @@ class Application:
         return sum(re.search(pattern, event.text) is not None for event in self._of_kind["output"])
 
     def commands(self):
-        """The command lines that changed something, so far."""
+        """The command lines that were to change something, so far."""
         return [match[1] for event in self._of_kind["log"]
                 if (match := COMMAND.search(event.text))]
 

@@ -60,6 +60,18 @@ def long_stalled_event_loop(lab):
 
 
 @scenario(only="itself")
+def busy_event_loop(lab):
+    """The event loop is busy for 200 ms."""
+    searched(lab).tell("spin", "200")
+
+
+@scenario(only="itself")
+def signal_in_another_thread(lab):
+    """A signal is emitted outside the application's thread."""
+    searched(lab).tell("stray")
+
+
+@scenario(only="itself")
 def endless_scenario(lab):
     """The scenario does not end by itself."""
     run.signal.alarm(3)
@@ -195,6 +207,13 @@ class Faults(unittest.TestCase):
         # What an emulator would cost is excused, a sleep is not.
         self.fails(long_stalled_event_loop, "the event loop was kept from running", "seen:     ['",
                    processor="arm")
+        status, printed = play(busy_event_loop, "arm")
+        self.assertEqual(status, 0, printed)
+        self.fails(busy_event_loop, "the event loop was kept from running", "seen:     ['")
+
+    def test_stray(self):
+        self.fails(signal_in_another_thread, "signals outside the application's thread",
+                   "switchBegin")
 
     def test_endless(self):
         self.fails(endless_scenario, "the scenario does not end within")

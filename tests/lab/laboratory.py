@@ -218,8 +218,9 @@ class Program:
 class Server:
     """Accepts on the servers' side, and closes each connection at once."""
 
-    def __init__(self, namespace, address, on_accept):
+    def __init__(self, namespace, address, on_accept, on_listen):
         self._on_accept = on_accept
+        self._on_listen = on_listen
         self._socket = None
         self._own_client = None
         self._thread = threading.Thread(target=self._serve, daemon=True)
@@ -249,6 +250,7 @@ class Server:
     def listen(self):
         """Accepts from now on; until now connections were refused, or dropped."""
         self._socket.listen(16)
+        self._on_listen()
         self._thread.start()
 
     def _serve(self):
@@ -365,8 +367,10 @@ class Laboratory:
         if not self._dhcp.wait_for(lambda line: "DHCP, IP range" in line, 10):
             raise LaboratoryError("the DHCP server does not start:\n"
                                   + "\n".join(self._dhcp.lines))
+        self.timeline.add("laboratory", "has started the DHCP server")
 
     def stop_dhcp(self):
+        self.timeline.add("laboratory", "stops the DHCP server")
         self._dhcp.stop()
 
     def start_server(self, address, on_accept=None):
@@ -379,12 +383,14 @@ class Laboratory:
             self.timeline.add("server", f"{address} accepted a connection from {peer}")
             if on_accept:
                 on_accept(peer)
-        server = Server(f"/proc/{self._servers_side.pid}/ns/net", address, note)
+        server = Server(f"/proc/{self._servers_side.pid}/ns/net", address, note,
+                        lambda: self.timeline.add("laboratory", f"the server {address} listens"))
         self._servers[address] = server
         return server
 
     def stop_server(self, address):
         self._servers.pop(address).stop()
+        self.timeline.add("laboratory", f"the server {address} is off")
 
     def pull_cable(self):
         self.timeline.add("person", "pulls the cable")
@@ -451,8 +457,17 @@ class Laboratory:
         try:
             wait_until(lambda: run("nmcli", "-t", "-f", "RUNNING", "general", check=False).strip()
                        == "running", 20, "NetworkManager")
+            self.timeline.add("laboratory", "NetworkManager runs")
         except LaboratoryError as late:
             raise LaboratoryError("\n".join([str(late), *self.manager.lines[-20:]])) from None
+
+    def stop_manager(self):
+        self.timeline.add("person", "stops NetworkManager")
+        self.manager.send(signal.SIGSTOP)
+
+    def continue_manager(self):
+        self.timeline.add("person", "lets NetworkManager go on")
+        self.manager.send(signal.SIGCONT)
 
     def kill_manager(self):
         self.timeline.add("person", "kills NetworkManager")
@@ -465,9 +480,9 @@ class Laboratory:
             name, *(settings or ("ipv4.method", "auto")), "connection.autoconnect", "no",
             "ipv6.method", "disabled")
 
-    @staticmethod
-    def make_profiles_read_only(read_only):
+    def make_profiles_read_only(self, read_only):
         """Whether NetworkManager can store its profiles."""
+        self.timeline.add("laboratory", f"profiles read-only: {read_only}")
         folder = "/etc/NetworkManager/system-connections"
         if read_only:
             run("mount", "--bind", folder, folder)

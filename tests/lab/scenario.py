@@ -24,7 +24,7 @@ from laboratory import (CONNECTION, LEASED, NET1, PORT, Laboratory, LaboratoryEr
 SCENARIOS = {}
 NATIVE, ARM = "native", "arm"
 MASK24 = "255.255.255.0"
-AUDIT = re.compile(r'\[(\d+\.\d+)\] audit: op="connection-(update|activate)"')
+AUDIT = re.compile(r'\[(\d+\.\d+)\] audit: op="connection-(update|activate)" .*result="(\w+)"')
 
 
 def scenario(only=None, slow=False, **laboratory):
@@ -81,8 +81,8 @@ def has_lease(lab):
 
 
 def has_lease_as_before(lab, app):
-    """The first network's addressing has been applied, and has changed nothing: the device has its
-    lease while the first server is still tried."""
+    """The first network's static addressing has been run and is not applied: the device has a lease
+    while the first server is still tried."""
     app.expect_log("setFirstStaticIpAddr . run successful$")
     has_lease(lab)
 
@@ -159,7 +159,8 @@ class Bench(Laboratory):
                              for command in expected])
 
     def check_requests(self, requests):
-        """So much of what the commands were to do has reached NetworkManager."""
+        """So much of what the commands were to do has reached NetworkManager, which has done it, or
+        has refused an "update refused"."""
         try:
             wait_until(lambda: self._requests() == requests, 5, "the same requests")
         except LaboratoryError:
@@ -167,7 +168,8 @@ class Bench(Laboratory):
 
     def _requests(self):
         found = [AUDIT.search(line) for line in self.manager.lines]
-        return [match[2] for match in found if match and float(match[1]) >= self._started]
+        return [match[2] + ("" if match[3] == "success" else " refused")
+                for match in found if match and float(match[1]) >= self._started]
 
     def check_at_the_end(self):
         """What holds at the end of every scenario."""

@@ -117,6 +117,13 @@ void leak(const QString &kind)
     }
 }
 
+// Keeps the thread busy.
+void spin(int ms)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (std::chrono::steady_clock::now() < end) { }
+}
+
 // What may come on standard input: a word and its arguments, separated by tabulators.
 void obey(Hoplane *hoplane, const QStringList &words)
 {
@@ -143,6 +150,8 @@ void obey(Hoplane *hoplane, const QStringList &words)
         // For the laboratory's tests of itself.
         { "stall", [&] { QThread::msleep(word(1).toULong()); } },
         { "leak", [&] { leak(word(1)); } },
+        { "spin", [&] { spin(word(1).toInt()); } },
+        { "stray", [&] { std::thread([=] { emit hoplane->switchBegin(); }).join(); } },
         { "murmur", [&] { std::fputs(qPrintable(word(1)), stderr); } },
     };
     const auto command = commands.find(word(0));

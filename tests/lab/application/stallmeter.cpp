@@ -20,6 +20,9 @@ constexpr qint64 limitMs = 50;
 constexpr qint64 nanosecondsPerMs = 1'000'000;
 constexpr qint64 msPerSecond = 1000;
 constexpr qint64 intervalNs = intervalMs * nanosecondsPerMs;
+// So long that its ticks' own small delays do not add up.
+constexpr int controlIntervalMs = 25;
+constexpr qint64 controlIntervalNs = controlIntervalMs * nanosecondsPerMs;
 
 qint64 nowNs()
 {
@@ -49,9 +52,9 @@ StallMeter::StallMeter(bool emulated, QObject *parent)
 void StallMeter::keepTicking()
 {
     for (;;) {
-        QThread::msleep(intervalMs);
+        QThread::msleep(controlIntervalMs);
         const qint64 now = nowNs();
-        m_controlLate += std::max<qint64>(0, now - m_controlTick - intervalNs);
+        m_controlLate += std::max<qint64>(0, now - m_controlTick - controlIntervalNs);
         m_controlTick = now;
     }
 }
@@ -65,7 +68,8 @@ StallMeter::Reading StallMeter::read() const
     reading.excused = text.split(' ').value(1).toLongLong() + (m_emulated ? processorNs() : 0);
     reading.tick = nowNs();
     // With what the second thread is late by just now.
-    reading.late = m_controlLate + std::max<qint64>(0, reading.tick - m_controlTick - intervalNs);
+    reading.late =
+            m_controlLate + std::max<qint64>(0, reading.tick - m_controlTick - controlIntervalNs);
     return reading;
 }
 

@@ -40,6 +40,7 @@ def lan_switch_to_1(lab):
     lab.check_commands(automatic_commands(lab.uuid))
     check_equal(app.logged(r'^warning \[ parse_uevent \] "parse_uevent event { name=lan-switch, '
                            f'action=change, path={LAN_SWITCH}, state=1}}"$'), 1, "lines of events")
+    app.expect_no_signal()
     check_equal(app.logged("slotFinish"), 0, "finished searches")
 
 
@@ -113,7 +114,7 @@ def event_with_unusual_values(lab):
 
 
 @scenario(only=ARM)
-def event_of_the_folder_of_switches(lab):
+def event_of_a_shorter_path(lab):
     """The path is only the beginning of the LAN switch's: nobody's business."""
     app = waiting_application(lab)
     send_and_expect_nothing(lab, app, "ACTION=change", f"DEVPATH={LAN_SWITCH[:-7]}",
@@ -126,9 +127,13 @@ def socket_overrun(lab):
     not run: some are lost, and the watcher goes on."""
     app = waiting_application(lab)
     app.hold()
-    for _ in range(1000):
-        lab.send_uevent(f"change@{OTHER}", "ACTION=change", f"DEVPATH={OTHER}", "SUBSYSTEM=net")
-    check(app.netlink_losses() > 0, "the socket can hold them all")
+    # How many it can hold depends on the machine.
+    sent = 0
+    while app.netlink_losses() == 0:
+        check(sent < 100000, "the socket can hold them all")
+        for _ in range(100):
+            lab.send_uevent(f"change@{OTHER}", "ACTION=change", f"DEVPATH={OTHER}", "SUBSYSTEM=net")
+        sent += 100
     app.go_on()
     app.expect_no_signal()
     lab.flip_lan_switch(0)
@@ -340,6 +345,8 @@ def ten_quick_flaps(lab):
     for _ in range(10):
         lab.pull_cable()
         lab.plug_cable()
+    for _ in range(10):
+        app.expect_output("up eth0")
     signals = app.signals_until_rest()
     downs, ups = app.printed("down eth0"), app.printed("up eth0")
     check_equal((downs, ups), (10, 10), "notices of the link")

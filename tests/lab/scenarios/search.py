@@ -456,14 +456,15 @@ def netmask_of_a_class_a_network(lab):
 
 @scenario()
 def text_that_is_no_address(lab):
-    """The first network's address is not an address: NetworkManager refuses it, and the device
-    keeps what its profile had before."""
+    """The first network's address is not an address: nmcli refuses it, and the profile is activated
+    as it was."""
     lab.configure(first=static(NET1, ip="198.51.100.999"), second=dhcp(NET2))
     lab.start_server(NET2.server)
     app = lab.application()
     app.start()
     has_lease_as_before(lab, app)
     app.expect_signal(success(NET2))
+    lab.check_requests(["activate", "update", "activate"])
     check_equal(lab.profile("connection.autoconnect"), "no", "the profile's autoconnect")
 
 
