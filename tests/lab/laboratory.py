@@ -8,6 +8,7 @@ The device's end of the cable is eth0. The servers' end, port0, lies in a networ
 own and has one address in each of two networks.
 """
 
+import collections
 import contextlib
 import ctypes
 import dataclasses
@@ -279,6 +280,7 @@ class Laboratory:
         self._stack = contextlib.ExitStack()
         self._folder = None
         self._servers = {}
+        self._accepted = collections.Counter()
         self._servers_side = None
         self._dhcp = None
         self.manager = None
@@ -380,6 +382,7 @@ class Laboratory:
     def prepare_server(self, address, on_accept=None):
         """A server that refuses connections until its listen()."""
         def note(peer):
+            self._accepted[address] += 1
             self.timeline.add("server", f"{address} accepted a connection from {peer}")
             if on_accept:
                 on_accept(peer)
@@ -387,6 +390,10 @@ class Laboratory:
                         lambda: self.timeline.add("laboratory", f"the server {address} listens"))
         self._servers[address] = server
         return server
+
+    def accepted(self, address):
+        """How many connections the server has accepted so far."""
+        return self._accepted[address]
 
     def stop_server(self, address):
         self._servers.pop(address).stop()

@@ -188,7 +188,7 @@ def selected_server_dead(lab):
     lab.flip_lan_switch(0)
     app.expect_signal("switchBegin")
     app.expect_no_signal()
-    check_equal(app.logged(fails(NET1)), 20, "failed attempts")
+    lab.check_failed(NET1, 20)
     commands = static_commands(lab.uuid, static(NET1))
     lab.check_commands([*commands, commands[1]])
 

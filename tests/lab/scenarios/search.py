@@ -27,7 +27,7 @@ def first_server_alive_by_dhcp(lab):
     app.expect_signal(success(NET2))
     has_lease(lab)
     lab.check_commands(automatic_commands(lab.uuid))
-    check_equal(app.logged(fails(NET2)), 0, "failed attempts")
+    lab.check_failed(NET2, 0)
     app.expect_no_signal()
     check_equal(app.logged("slotFinish"), 1, "finished searches")
 
@@ -43,7 +43,7 @@ def second_static_server_alive(lab):
     app.expect_signal(success(NET2))
     has_static(lab, NET2)
     check_equal(lab.profile("connection.autoconnect"), "yes", "the profile's autoconnect")
-    check_equal(app.logged(fails(NET1)), 20, "failed attempts")
+    lab.check_failed(NET1, 20)
     first, second = static_commands(lab.uuid, static(NET1)), static_commands(lab.uuid, static(NET2))
     lab.check_commands([*first, first[1], *second])
 
@@ -95,8 +95,8 @@ def second_server_alive_in_the_second_pass(lab):
     lab.start_server(NET2.server)
     app.expect_signal(success(NET2), within=60)
     has_lease(lab)
-    check_equal(app.logged(fails(NET1)), 20, "failed attempts at the first server")
-    check_equal(app.logged(fails(NET2)), 10, "failed attempts at the second server")
+    lab.check_failed(NET1, 20)
+    lab.check_failed(NET2, 10)
 
 
 @scenario()
@@ -120,8 +120,9 @@ def first_server_answers_at_the_third_attempt(lab):
     # was about to.
     before = sum(event.kind == "log" and event.when < listens and "host fail" in event.text
                  for event in app.events)
-    check(app.logged(fails(NET1)) in (before, before + 1), f"{app.logged(fails(NET1))} failed "
-          f"attempts, {before} of them before the server answered")
+    failed = app.logged(fails(NET1))
+    check(before <= failed <= before + 1 + lab.seen_too_late(NET1),
+          f"{failed} failed attempts, {before} of them before the server answered")
     has_static(lab, NET1)
 
 
@@ -137,10 +138,10 @@ def first_server_is_a_black_hole(lab):
     app.start()
     times = [app.expect_log(fails(NET1)) for _ in range(10)]
     app.expect_signal(success(NET2))
-    check_equal(app.logged(fails(NET1)), 10, "failed attempts")
+    lab.check_failed(NET1, 10)
     check(4.5 <= times[-1] - times[0] < 7, f"nine of them took {times[-1] - times[0]:.2f} s")
     has_lease(lab)
-    check_equal([f"{peer}/24" for peer in accepted], lab.addresses(), "who was accepted")
+    check_equal({f"{peer}/24" for peer in accepted}, set(lab.addresses()), "who was accepted")
 
 
 @scenario()
@@ -213,7 +214,7 @@ def automatic_network_tried_second(lab):
     app.start()
     app.expect_signal(success(NET2))
     has_lease(lab)
-    check_equal(app.logged(fails(NET1)), 10, "failed attempts")
+    lab.check_failed(NET1, 10)
     lab.check_commands(static_commands(lab.uuid, static(NET1)) + automatic_commands(lab.uuid))
     check_equal(path.read_bytes(), before, "the configuration file")
 
@@ -241,7 +242,7 @@ def second_static_server_alive_on_arm(lab):
     app.start()
     app.expect_signal(success(NET1))
     has_static(lab, NET1)
-    check_equal(app.logged(fails(NET2)), 10, "failed attempts")
+    lab.check_failed(NET2, 10)
 
 
 @scenario()
@@ -255,7 +256,7 @@ def cable_out_then_plugged(lab):
     app.expect_log(fails(NET2), times=10, within=90)
     lab.plug_cable()
     app.expect_signal(success(NET1))
-    check_equal(app.logged(fails(NET2)), 10, "failed attempts at the second server")
+    lab.check_failed(NET2, 10)
     if lab.native:
         # The notice that the link is up waited for the end of the search, and asks for another.
         app.expect_signal("start")
