@@ -206,8 +206,12 @@ class Application:
         return list(self._process("task").iterdir())
 
     def _asleep(self):
-        return all(_read(task / "stat").rpartition(")")[2].split()[:1] == ["S"]
-                   for task in self._tasks())
+        # A thread that has begun has its descriptors and has named itself. An emulator has one
+        # thread of its own.
+        names = [_read(task / "comm").strip() for task in self._tasks()]
+        own = _read(self._process("comm")).strip()
+        return names.count(own) == (2 if own.startswith("qemu-") else 1) and all(
+            _read(task / "stat").rpartition(")")[2].split()[:1] == ["S"] for task in self._tasks())
 
     def _files(self):
         names = []
