@@ -1,0 +1,2 @@
+import tool
+tool.main()

@@ -1,0 +1,272 @@
+// SPDX-License-Identifier: MIT
+#include "configuration.h"
+
+#include "../../worker/switchsettings_p.h"
+#include "output.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QLockFile>
+#include <QTemporaryFile>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+const SwitchSettings::NetworkKeys &keysOf(int network)
+{
+    return network == 0 ? SwitchSettings::firstKeys : SwitchSettings::secondKeys;
+}
+
+NetworkSettings readNetwork(const IniFile &file, const SwitchSettings::NetworkKeys &keys)
+{
+    return { file.text(keys.serverIp),        file.text(keys.serverPort),
+             file.flag(keys.isAutomatically), file.text(keys.localIp),
+             file.text(keys.localMask),       file.text(keys.localGateWay),
+             file.text(keys.preferredDns),    file.text(keys.spareDns) };
+}
+
+QString systemError(const QString &what)
+{
+    return QStringLiteral("%1: %2").arg(what, QString::fromLocal8Bit(std::strerror(errno)));
+}
+
+// What has been written survives a power cut from here on.
+bool synchronise(const QString &path, int flags)
+{
+    const int fd = open(QFile::encodeName(path).constData(), flags | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const bool done = fsync(fd) == 0;
+    close(fd);
+    return done;
+}
+
+// A copy of the file beside it, or an empty one; its name, or nothing.
+QString copyBeside(const QString &path, QString *error)
+{
+    QTemporaryFile copy(path + QStringLiteral(".XXXXXX"));
+    copy.setAutoRemove(false);
+    QFile original(path);
+    const bool exists = original.exists();
+    if (!copy.open() || (exists && !original.open(QIODevice::ReadOnly))) {
+        *error = exists && copy.isOpen() ? original.errorString() : copy.errorString();
+        copy.remove();
+        return QString();
+    }
+    const QByteArray bytes = exists ? original.readAll() : QByteArray();
+    if (copy.write(bytes) != bytes.size() || !copy.flush()) {
+        *error = copy.errorString();
+        copy.remove();
+        return QString();
+    }
+    copy.setPermissions(exists ? original.permissions()
+                               : QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup
+                                        | QFile::ReadOther);
+    return copy.fileName();
+}
+
+QString applyTo(const QString &path, const Changes &changes)
+{
+    IniFile file(path);
+    if (file.status() != QSettings::NoError)
+        return QStringLiteral("it cannot be read as an INI file");
+    for (const RawValue &change : changes.values())
+        file.setValue(change.key, change.value);
+    file.sync();
+    return file.status() == QSettings::NoError ? QString()
+                                               : QStringLiteral("the new file cannot be written");
+}
+
+// The steps of replacing the file, behind its lock.
+QString replace(const QString &path, const Changes &changes)
+{
+    QString error;
+    const QString copy = copyBeside(path, &error);
+    if (copy.isEmpty())
+        return error;
+    error = applyTo(copy, changes);
+    if (error.isEmpty() && !synchronise(copy, O_RDONLY))
+        error = systemError(copy);
+    if (error.isEmpty()
+        && std::rename(QFile::encodeName(copy).constData(), QFile::encodeName(path).constData()))
+        error = systemError(path);
+    if (!error.isEmpty()) {
+        QFile::remove(copy);
+        return error;
+    }
+    synchronise(QFileInfo(path).path(), O_RDONLY | O_DIRECTORY);
+    return QString();
+}
+
+bool isName(const QString &name)
+{
+    return !name.isEmpty() && !name.contains(QLatin1Char('/')) && name != QLatin1String(".")
+            && name != QLatin1String("..");
+}
+
+} // namespace
+
+Settings Settings::read(const QString &path)
+{
+    const IniFile file(path);
+    return { file.flag(SwitchSettings::enableKey),
+             file.text(SwitchSettings::connectionNameKey),
+             { readNetwork(file, SwitchSettings::firstKeys),
+               readNetwork(file, SwitchSettings::secondKeys) } };
+}
+
+void Changes::setEnabled(bool enabled)
+{
+    m_values.append({ SwitchSettings::enableKey, enabled });
+}
+
+void Changes::setConnection(const QString &name)
+{
+    m_values.append({ SwitchSettings::connectionNameKey, name });
+}
+
+void Changes::setServer(int network, const QString &ip, const QString &port)
+{
+    m_values.append({ keysOf(network).serverIp, ip });
+    m_values.append({ keysOf(network).serverPort, port });
+}
+
+void Changes::setAddressing(int network, const NetworkSettings &addressing)
+{
+    const SwitchSettings::NetworkKeys &keys = keysOf(network);
+    // Meant: true is static, against the key's name.
+    m_values.append({ keys.isAutomatically, addressing.isStatic });
+    m_values.append({ keys.localIp, addressing.ip });
+    m_values.append({ keys.localMask, addressing.mask });
+    m_values.append({ keys.localGateWay, addressing.gateway });
+    m_values.append({ keys.preferredDns, addressing.dns1 });
+    m_values.append({ keys.spareDns, addressing.dns2 });
+}
+
+namespace Configuration {
+
+QString path()
+{
+    return SwitchSettings::path();
+}
+
+QString folder()
+{
+    // Of any application; where that is, only one place knows.
+    const QString kept = QCoreApplication::applicationName();
+    QCoreApplication::setApplicationName(QStringLiteral("any"));
+    QDir folder = QFileInfo(path()).dir();
+    QCoreApplication::setApplicationName(kept);
+    folder.setPath(QDir::cleanPath(folder.absoluteFilePath(QStringLiteral(".."))));
+    return folder.path();
+}
+
+QStringList applications()
+{
+    const QString fileName = QFileInfo(path()).fileName();
+    QStringList found;
+    const QDir folder(Configuration::folder());
+    for (const QString &name : folder.entryList(QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot)) {
+        if (QFileInfo(folder.filePath(name + QLatin1Char('/') + fileName)).isFile())
+            found.append(name);
+    }
+    return found;
+}
+
+bool choose(const QString &name, bool mayBeNew)
+{
+    const QStringList known = applications();
+    if (name.isNull() && known.size() == 1) {
+        QCoreApplication::setApplicationName(known.first());
+        return true;
+    }
+    const QString list = known.join(QStringLiteral(", "));
+    if (name.isNull() && known.isEmpty()) {
+        Output::message(QStringLiteral("no application has a configuration in %1; name yours with "
+                                       "--app NAME")
+                                .arg(folder()));
+    } else if (name.isNull()) {
+        Output::message(QStringLiteral("several applications have a configuration; choose one with "
+                                       "--app NAME: %1")
+                                .arg(list));
+    } else if (!isName(name)) {
+        Output::message(
+                QStringLiteral("--app \"%1\": not the name of an application; it is the name "
+                               "of a folder, for example failover")
+                        .arg(name));
+    } else {
+        QCoreApplication::setApplicationName(name);
+        if (mayBeNew || QFileInfo::exists(path()))
+            return true;
+        Output::message(
+                QStringLiteral("the application \"%1\" has no configuration: there is no %2%3")
+                        .arg(name, path(),
+                             known.isEmpty() ? QString()
+                                             : QStringLiteral("; these have one: ") + list));
+    }
+    return false;
+}
+
+QVector<RawValue> rawValues(const QString &path)
+{
+    const IniFile file(path);
+    QVector<RawValue> values;
+    const auto add = [&](QLatin1String key) { values.append({ key, file.value(key) }); };
+    add(SwitchSettings::enableKey);
+    add(SwitchSettings::connectionNameKey);
+    for (int network : { 0, 1 }) {
+        const SwitchSettings::NetworkKeys &keys = keysOf(network);
+        for (const QLatin1String key :
+             { keys.serverIp, keys.serverPort, keys.isAutomatically, keys.localIp, keys.localMask,
+               keys.localGateWay, keys.preferredDns, keys.spareDns })
+            add(key);
+    }
+    return values;
+}
+
+QVector<RawValue> differences(const QString &path, const Changes &changes)
+{
+    const IniFile file(path);
+    QVector<RawValue> found;
+    for (const RawValue &change : changes.values()) {
+        const QVariant old = file.value(change.key);
+        if (!old.isValid() || rawText(old) != rawText(change.value))
+            found.append(change);
+    }
+    return found;
+}
+
+QString save(const QString &path, const Changes &changes)
+{
+    // A link stays, and what it leads to is replaced.
+    const QFileInfo link(path);
+    const QString target = link.isSymLink() ? link.symLinkTarget() : path;
+    const QString targetFolder = QFileInfo(target).path();
+    if (!QDir().mkpath(targetFolder))
+        return QStringLiteral("the folder %1 cannot be made").arg(targetFolder);
+    // The lock that the library's own writers take.
+    QLockFile lock(target + QStringLiteral(".lock"));
+    constexpr int patienceMs = 5000;
+    if (!lock.tryLock(patienceMs)) {
+        return lock.error() == QLockFile::LockFailedError
+                ? QStringLiteral("another program is writing %1").arg(target)
+                : QStringLiteral("no file can be made in %1").arg(targetFolder);
+    }
+    const QString error = replace(target, changes);
+    return error.isEmpty() ? QString() : QStringLiteral("%1: %2").arg(target, error);
+}
+
+QString rawText(const QVariant &value)
+{
+    if (value.type() == QVariant::StringList)
+        return value.toStringList().join(QStringLiteral(", "));
+    return value.toString();
+}
+
+} // namespace Configuration

@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+#include "describe.h"
+
+#include "values.h"
+
+namespace Describe {
+
+namespace {
+
+QString orMissing(const QString &text)
+{
+    return text.isEmpty() ? QStringLiteral("(none)") : text;
+}
+
+QString prefix(const QString &mask)
+{
+    const std::optional<int> length = Values::truePrefix(mask);
+    const std::optional<int> applied = Values::appliedPrefix(mask);
+    if (!length)
+        return QStringLiteral(" netmask ") + orMissing(mask);
+    if (applied != length)
+        return QStringLiteral("/%1 (applied as /%2)").arg(*length).arg(*applied);
+    return QStringLiteral("/%1").arg(*length);
+}
+
+} // namespace
+
+QString connection(const QString &name)
+{
+    return name.isEmpty() ? QStringLiteral("(the active one)") : name;
+}
+
+QString server(const NetworkSettings &network)
+{
+    if (network.serverIp.isEmpty() && network.serverPort.isEmpty())
+        return orMissing(QString());
+    return orMissing(network.serverIp) + QLatin1Char(':') + orMissing(network.serverPort);
+}
+
+QString addressing(const NetworkSettings &network)
+{
+    if (!network.isStatic)
+        return QStringLiteral("automatic addressing (DHCP)");
+    QStringList dns{ network.dns1, network.dns2 };
+    dns.removeAll(QString());
+    return QStringLiteral("static address %1%2, gateway %3, name servers %4")
+            .arg(orMissing(network.ip), prefix(network.mask), orMissing(network.gateway),
+                 orMissing(dns.join(QStringLiteral(", "))));
+}
+
+} // namespace Describe

@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "configuration.h"
+
+// The configuration in words that a person understands.
+namespace Describe {
+
+QString connection(const QString &name);
+// "192.0.2.1:9000"
+QString server(const NetworkSettings &network);
+// "automatic addressing (DHCP)", or the static one with all that belongs to it.
+QString addressing(const NetworkSettings &network);
+
+} // namespace Describe

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: MIT
+#include "commands.h"
+
+#include "../../facade/devicesettings_p.h"
+#include "change.h"
+
+#include <QFile>
+#include <QSettings>
+
+namespace {
+
+NetworkSettings addressingOf(const LocalAddressing &device)
+{
+    NetworkSettings network;
+    network.isStatic = device.isAutomatically;
+    network.ip = device.ip;
+    network.mask = device.mask;
+    network.gateway = device.gateway;
+    network.dns1 = device.dns1;
+    network.dns2 = device.dns2;
+    return network;
+}
+
+// Why the file cannot be imported; nothing if it can. The library itself asks for nothing of this
+// and imports emptiness.
+QString unfit(const QString &path)
+{
+    QFile file(path);
+    if (!file.exists())
+        return QStringLiteral("there is no %1").arg(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QStringLiteral("%1: %2").arg(path, file.errorString());
+    QSettings settings(path, QSettings::IniFormat);
+    if (settings.status() != QSettings::NoError)
+        return QStringLiteral("%1 is not an INI file").arg(path);
+    if (!settings.childGroups().contains(QStringLiteral("NetworkConnections")))
+        return QStringLiteral("%1 has no group NetworkConnections").arg(path);
+    return QString();
+}
+
+} // namespace
+
+int runImport(Context &context, const Command &command, const QStringList &arguments)
+{
+    CommandLine line(command);
+    line.setText(
+            QStringLiteral("Does once what the library does at each start of the application: the "
+                           "connection's\nname and the addressing of both networks become the "
+                           "device's."));
+    line.add({ QStringLiteral("from"),
+               QStringLiteral("The device's file. Default: %1.").arg(DeviceSettings::path()),
+               QStringLiteral("FILE"), DeviceSettings::path() });
+    line.add({ QStringLiteral("dry-run"), QStringLiteral("Only tell what would change.") });
+    if (!line.parse(&context, arguments, 0, 0))
+        return line.status();
+    const bool dryRun = line.isSet(QStringLiteral("dry-run"));
+    const QString from = line.value(QStringLiteral("from"));
+    const QString reason = unfit(from);
+    if (!reason.isEmpty()) {
+        Output::message(QStringLiteral("nothing is changed: %1").arg(reason));
+        return ExitFailed;
+    }
+    if (!Configuration::choose(context.app, true))
+        return ExitFailed;
+    const DeviceSettings device = DeviceSettings::read(from);
+    Changes changes;
+    changes.setConnection(device.connectionName);
+    changes.setAddressing(0, addressingOf(device.master));
+    changes.setAddressing(1, addressingOf(device.slave));
+    return makeChanges(&context.out, changes, dryRun);
+}

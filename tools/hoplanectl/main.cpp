@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: MIT
+// hoplanectl: configures, checks, tries and watches the failover from a terminal.
+
+#include "commandline.h"
+
+#include "commands.h"
+
+#include <QCoreApplication>
+
+#include <algorithm>
+#include <clocale>
+
+const Command commands[] = {
+    { "show", "", "Shows the configuration", runShow },
+    { "set", "server|network|connection|enabled ...", "Changes the configuration", runSet },
+    { "import", "", "Takes over the device's own network settings", runImport },
+    { "check", "", "Checks the configuration and the device, one line an item", runCheck },
+    { "plan", "", "Shows what a search would do, without doing it", runPlan },
+    { "probe", "HOST:PORT", "Tests whether a server accepts, as the library does", runProbe },
+    { "search", "", "Runs a search and shows its progress", runSearch },
+    { "watch", "", "Shows link and switch events, and what is done about them", runWatch },
+    { "log", "[FILE]", "Explains the library's log lines, search by search", runLog },
+};
+const int commandCount = int(std::size(commands));
+
+namespace {
+
+QString overview()
+{
+    QString text =
+            QStringLiteral("Usage: hoplanectl [--app NAME] [--json] COMMAND [ARGUMENT...]\n\n"
+                           "Configures, checks, tries and watches the failover between two "
+                           "servers.\n\nCommands:\n");
+    for (const Command &command : commands)
+        text += QStringLiteral("  %1 %2\n")
+                        .arg(QLatin1String(command.name), -8)
+                        .arg(QLatin1String(command.summary));
+    return text
+            + QStringLiteral("\nOptions:\n"
+                             "  --app NAME     The application whose configuration is meant.\n"
+                             "  --json         Results as JSON, one object a line.\n"
+                             "  -h, --help     Show this help.\n"
+                             "  -v, --version  Show the version.\n\n"
+                             "hoplanectl COMMAND --help shows a command's own options.");
+}
+
+const Command *find(const QString &name)
+{
+    const auto *const end = commands + commandCount;
+    const auto *const found = std::find_if(commands, end, [&name](const Command &command) {
+        return name == QLatin1String(command.name);
+    });
+    return found == end ? nullptr : found;
+}
+
+// Takes the options before the command; what is left begins with the command.
+int takeOptions(Context *context, QStringList *arguments, bool *done)
+{
+    *done = true;
+    while (!arguments->isEmpty() && arguments->first().startsWith(QLatin1Char('-'))) {
+        const QString option = arguments->takeFirst();
+        if (option == QLatin1String("-h") || option == QLatin1String("--help")) {
+            context->out.line(overview());
+            return context->out.finish() ? ExitGood : ExitFailed;
+        }
+        if (option == QLatin1String("-v") || option == QLatin1String("--version")) {
+            context->out.line(QStringLiteral("hoplanectl " HOPLANE_VERSION));
+            return context->out.finish() ? ExitGood : ExitFailed;
+        }
+        if (option == QLatin1String("--json")) {
+            context->out.setJson(true);
+        } else if (option == QLatin1String("--app") && !arguments->isEmpty()) {
+            context->app = arguments->takeFirst();
+        } else if (option.startsWith(QLatin1String("--app="))) {
+            context->app = option.mid(int(qstrlen("--app=")));
+        } else {
+            return usageError(option == QLatin1String("--app")
+                                      ? QStringLiteral("--app: the name is missing")
+                                      : QStringLiteral("unknown option %1").arg(option));
+        }
+    }
+    *done = false;
+    return ExitGood;
+}
+
+int run(QStringList arguments)
+{
+    Context context;
+    bool done = false;
+    const int status = takeOptions(&context, &arguments, &done);
+    if (done)
+        return status;
+    if (arguments.isEmpty())
+        return usageError(QStringLiteral("no command"));
+    const QString name = arguments.takeFirst();
+    const Command *const command = find(name);
+    if (!command)
+        return usageError(QStringLiteral("there is no command \"%1\"").arg(name));
+    const int outcome = command->run(context, *command, arguments);
+    if (!context.out.finish()) {
+        Output::message(QStringLiteral("the results could not be written"));
+        return outcome == ExitGood ? ExitFailed : outcome;
+    }
+    return outcome;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const QCoreApplication application(argc, argv);
+    return run(QCoreApplication::arguments().mid(1));
+}
