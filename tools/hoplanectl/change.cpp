@@ -1,26 +1,42 @@
 // SPDX-License-Identifier: MIT
 #include "change.h"
 
+#include "describe.h"
+
 namespace {
 
-QString shown(const QVariant &value)
+// What a person sees of the settings, item by item.
+QVector<QPair<QString, QString>> items(const Settings &settings)
 {
-    return value.isValid() ? QLatin1Char('"') + Configuration::rawText(value) + QLatin1Char('"')
-                           : QStringLiteral("missing");
-}
-
-QJsonValue jsonValue(const QVariant &value)
-{
-    return value.isValid() ? QJsonValue(Configuration::rawText(value)) : QJsonValue();
-}
-
-QVariant oldValue(const QVector<RawValue> &before, QLatin1String key)
-{
-    for (const RawValue &raw : before) {
-        if (raw.key == key)
-            return raw.value;
+    QVector<QPair<QString, QString>> all{
+        { QStringLiteral("switching"), Describe::enabled(settings.enabled) },
+        { QStringLiteral("connection"), Describe::connection(settings.connection) }
+    };
+    for (int index : { 0, 1 }) {
+        const NetworkSettings &network = settings.networks[index];
+        all += { { QStringLiteral("server %1").arg(index + 1), Describe::server(network) },
+                 { QStringLiteral("network %1").arg(index + 1), Describe::addressing(network) } };
     }
-    return QVariant();
+    return all;
+}
+
+void tell(Output *out, const Settings &before, const Settings &after, bool dryRun)
+{
+    const auto old = items(before);
+    const auto changed = items(after);
+    for (int index = 0; index < old.size(); ++index) {
+        const auto &[name, value] = changed[index];
+        if (value == old[index].second)
+            continue;
+        out->line(QStringLiteral("%1: %2").arg(name, value), Output::Bold);
+        out->line(QStringLiteral("  %1 %2").arg(
+                dryRun ? QStringLiteral("is now") : QStringLiteral("was"), old[index].second));
+        out->object({ { QStringLiteral("type"), QStringLiteral("change") },
+                      { QStringLiteral("item"), name },
+                      { QStringLiteral("old"), old[index].second },
+                      { QStringLiteral("new"), value },
+                      { QStringLiteral("written"), !dryRun } });
+    }
 }
 
 } // namespace
@@ -28,30 +44,23 @@ QVariant oldValue(const QVector<RawValue> &before, QLatin1String key)
 int makeChanges(Output *out, const Changes &changes, bool dryRun)
 {
     const QString path = Configuration::path();
-    const QVector<RawValue> before = Configuration::rawValues(path);
-    const QVector<RawValue> different = Configuration::differences(path, changes);
-    if (!dryRun && !different.isEmpty()) {
+    const Settings before = Settings::read(path);
+    Settings after = before;
+    changes.applyTo(&after);
+    // A key that is missing is written too, though it may mean the same.
+    const bool different = !Configuration::differences(path, changes).isEmpty();
+    if (different && !dryRun) {
         const QString error = Configuration::save(path, changes);
         if (!error.isEmpty()) {
             Output::message(QStringLiteral("nothing is changed: %1").arg(error));
             return ExitFailed;
         }
     }
-    for (const RawValue &raw : different) {
-        const QVariant old = oldValue(before, raw.key);
-        out->line(QStringLiteral("%1: %2, %3 %4")
-                          .arg(raw.key, shown(raw.value),
-                               dryRun ? QStringLiteral("now") : QStringLiteral("was"), shown(old)));
-        out->object({ { QStringLiteral("type"), QStringLiteral("change") },
-                      { QStringLiteral("key"), QString(raw.key) },
-                      { QStringLiteral("old"), jsonValue(old) },
-                      { QStringLiteral("new"), jsonValue(raw.value) },
-                      { QStringLiteral("written"), !dryRun } });
-    }
-    if (different.isEmpty())
+    tell(out, before, after, dryRun);
+    if (!different)
         out->line(QStringLiteral("nothing to change: %1 has these values already").arg(path));
     else
         out->line(dryRun ? QStringLiteral("%1 is not changed").arg(path)
-                         : QStringLiteral("%1 is changed").arg(path));
+                         : QStringLiteral("%1 is written").arg(path));
     return ExitGood;
 }

@@ -121,32 +121,54 @@ Settings Settings::read(const QString &path)
                readNetwork(file, SwitchSettings::secondKeys) } };
 }
 
-void Changes::setEnabled(bool enabled)
-{
-    m_values.append({ SwitchSettings::enableKey, enabled });
-}
-
-void Changes::setConnection(const QString &name)
-{
-    m_values.append({ SwitchSettings::connectionNameKey, name });
-}
-
 void Changes::setServer(int network, const QString &ip, const QString &port)
 {
-    m_values.append({ keysOf(network).serverIp, ip });
-    m_values.append({ keysOf(network).serverPort, port });
+    NetworkSettings server;
+    server.serverIp = ip;
+    server.serverPort = port;
+    m_servers[network] = server;
 }
 
 void Changes::setAddressing(int network, const NetworkSettings &addressing)
 {
-    const SwitchSettings::NetworkKeys &keys = keysOf(network);
-    // Meant: true is static, against the key's name.
-    m_values.append({ keys.isAutomatically, addressing.isStatic });
-    m_values.append({ keys.localIp, addressing.ip });
-    m_values.append({ keys.localMask, addressing.mask });
-    m_values.append({ keys.localGateWay, addressing.gateway });
-    m_values.append({ keys.preferredDns, addressing.dns1 });
-    m_values.append({ keys.spareDns, addressing.dns2 });
+    m_addressings[network] = addressing;
+}
+
+void Changes::applyTo(Settings *settings) const
+{
+    settings->enabled = m_enabled.value_or(settings->enabled);
+    settings->connection = m_connection.value_or(settings->connection);
+    for (int index : { 0, 1 }) {
+        NetworkSettings &network = settings->networks[index];
+        const NetworkSettings server = m_servers[index].value_or(network);
+        network = m_addressings[index].value_or(network);
+        network.serverIp = server.serverIp;
+        network.serverPort = server.serverPort;
+    }
+}
+
+QVector<RawValue> Changes::values() const
+{
+    QVector<RawValue> values;
+    if (m_enabled)
+        values.append({ SwitchSettings::enableKey, *m_enabled });
+    if (m_connection)
+        values.append({ SwitchSettings::connectionNameKey, *m_connection });
+    for (int index : { 0, 1 }) {
+        const SwitchSettings::NetworkKeys &keys = keysOf(index);
+        if (const auto &server = m_servers[index])
+            values += { { keys.serverIp, server->serverIp },
+                        { keys.serverPort, server->serverPort } };
+        // Meant: true is static, against the key's name.
+        if (const auto &addressing = m_addressings[index])
+            values += { { keys.isAutomatically, addressing->isStatic },
+                        { keys.localIp, addressing->ip },
+                        { keys.localMask, addressing->mask },
+                        { keys.localGateWay, addressing->gateway },
+                        { keys.preferredDns, addressing->dns1 },
+                        { keys.spareDns, addressing->dns2 } };
+    }
+    return values;
 }
 
 namespace Configuration {
@@ -230,14 +252,14 @@ QVector<RawValue> rawValues(const QString &path)
     return values;
 }
 
-QVector<RawValue> differences(const QString &path, const Changes &changes)
+QVector<Difference> differences(const QString &path, const Changes &changes)
 {
     const IniFile file(path);
-    QVector<RawValue> found;
+    QVector<Difference> found;
     for (const RawValue &change : changes.values()) {
         const QVariant old = file.value(change.key);
         if (!old.isValid() || rawText(old) != rawText(change.value))
-            found.append(change);
+            found.append({ change.key, old, change.value });
     }
     return found;
 }

@@ -7,6 +7,8 @@
 #include <QVariant>
 #include <QVector>
 
+#include <optional>
+
 // One network's half of switch.ini, in its own texts.
 struct NetworkSettings
 {
@@ -37,20 +39,24 @@ struct RawValue
     QVariant value; // invalid where the key is missing
 };
 
-// The changes that a command makes, in terms of keys.
+// The changes that a command makes.
 class Changes
 {
 public:
-    void setEnabled(bool enabled);
-    void setConnection(const QString &name);
+    void setEnabled(bool enabled) { m_enabled = enabled; }
+    void setConnection(const QString &name) { m_connection = name; }
     void setServer(int network, const QString &ip, const QString &port);
     // ip to dns2 of the network, and whether it is static.
     void setAddressing(int network, const NetworkSettings &addressing);
 
-    const QVector<RawValue> &values() const { return m_values; }
+    void applyTo(Settings *settings) const;
+    QVector<RawValue> values() const;
 
 private:
-    QVector<RawValue> m_values;
+    std::optional<bool> m_enabled;
+    std::optional<QString> m_connection;
+    std::optional<NetworkSettings> m_servers[2];
+    std::optional<NetworkSettings> m_addressings[2];
 };
 
 namespace Configuration {
@@ -72,8 +78,14 @@ QString path();
 // All eighteen keys in the file's order, with what the file has.
 QVector<RawValue> rawValues(const QString &path);
 
-// Those of the changes that are none yet are left out: what would really be different.
-QVector<RawValue> differences(const QString &path, const Changes &changes);
+// The values that the changes would really make different, the old ones beside the new ones.
+struct Difference
+{
+    QLatin1String key;
+    QVariant oldValue;
+    QVariant newValue;
+};
+QVector<Difference> differences(const QString &path, const Changes &changes);
 
 // Replaces the file by one with the changes, whole or not at all; makes it if there is none. The
 // other keys keep their values. Returns what went wrong, or nothing.

@@ -25,6 +25,11 @@ QString prefix(const QString &mask)
 
 } // namespace
 
+QString enabled(bool enabled)
+{
+    return enabled ? QStringLiteral("on") : QStringLiteral("off");
+}
+
 QString connection(const QString &name)
 {
     return name.isEmpty() ? QStringLiteral("(the active one)") : name;

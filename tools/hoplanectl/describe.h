@@ -6,6 +6,8 @@
 // The configuration in words that a person understands.
 namespace Describe {
 
+// "on" or "off"
+QString enabled(bool enabled);
 QString connection(const QString &name);
 // "192.0.2.1:9000"
 QString server(const NetworkSettings &network);

@@ -13,8 +13,7 @@ void showText(Output *out, const Settings &settings)
 {
     out->line(QStringLiteral("application  %1").arg(QCoreApplication::applicationName()));
     out->line(QStringLiteral("file         %1").arg(Configuration::path()));
-    out->line(QStringLiteral("switching    %1")
-                      .arg(settings.enabled ? QStringLiteral("on") : QStringLiteral("off")));
+    out->line(QStringLiteral("switching    %1").arg(Describe::enabled(settings.enabled)));
     out->line(QStringLiteral("connection   %1").arg(Describe::connection(settings.connection)));
     for (int index : { 0, 1 }) {
         const NetworkSettings &network = settings.networks[index];
