@@ -1,2 +1,441 @@
+# SPDX-License-Identifier: MIT
+"""show, set and import: what they print, what they write, what they refuse."""
+
+import os
+import pathlib
+import subprocess
+import time
+
 import tool
-tool.main()
+from tool import KEYS, path_of, write
+
+COMPLETE = {
+    "SwitchEnable": "true", "connectionName": "lan",
+    "FirstServerIp": "198.51.100.1", "FirstServerPort": "9000", "FirstIsAutomatically": "true",
+    "FirstLocalIp": "198.51.100.2", "FirstLocalMask": "255.255.255.0",
+    "FirstLocalGateWay": "198.51.100.1", "FirstPreferredDNS": "198.51.100.53",
+    "FirstSpareDNS": "198.51.100.54",
+    "SecondServerIp": "192.0.2.1", "SecondServerPort": "9001", "SecondIsAutomatically": "false",
+    "SecondLocalIp": "", "SecondLocalMask": "", "SecondLocalGateWay": "",
+    "SecondPreferredDNS": "", "SecondSpareDNS": "",
+}
+STATIC = ["--address", "10.0.0.2/24"]
+
+
+def stored(app="device"):
+    """The keys of the application's file and their values, as the file spells them."""
+    lines = path_of(app).read_text(encoding="utf-8").splitlines()
+    return dict(line.split("=", 1) for line in lines if "=" in line)
+
+
+class Show(tool.TestCase):
+    """What is configured, in words, as JSON and as raw keys."""
+
+    def test_text(self):
+        path = write("device", COMPLETE)
+        self.assertEqual(self.expect(0, "show").out, f"""\
+application  device
+file         {path}
+switching    on
+connection   lan
+network 1    server 198.51.100.1:9000; static address 198.51.100.2/24, gateway 198.51.100.1, \
+name servers 198.51.100.53, 198.51.100.54
+network 2    server 192.0.2.1:9001; automatic addressing (DHCP)
+""")
+
+    def test_text_of_an_empty_file(self):
+        path = write("device", {})
+        self.assertEqual(self.expect(0, "show").out, f"""\
+application  device
+file         {path}
+switching    off
+connection   (the active one)
+network 1    server (none); automatic addressing (DHCP)
+network 2    server (none); automatic addressing (DHCP)
+""")
+
+    def test_static_without_anything(self):
+        write("device", {"FirstIsAutomatically": "true", "FirstServerIp": "10.0.0.1"})
+        self.assertIn("network 1    server 10.0.0.1:(none); static address (none) netmask (none), "
+                      "gateway (none), name servers (none)\n", self.expect(0, "show").out)
+
+    def test_netmask_that_is_applied_otherwise(self):
+        write("device", COMPLETE | {"FirstLocalMask": "255.0.0.0"})
+        self.assertIn("198.51.100.2/8 (applied as /6)", self.expect(0, "show").out)
+
+    def test_json(self):
+        path = write("device", COMPLETE)
+        dhcp = {"server": "192.0.2.1", "port": "9001", "addressing": "dhcp", "address": "",
+                "netmask": "", "gateway": "", "dns": ["", ""]}
+        self.assertEqual(self.expect(0, "show", "--json").objects, [{
+            "type": "settings", "app": "device", "file": str(path), "enabled": True,
+            "connection": "lan", "networks": [
+                {"server": "198.51.100.1", "port": "9000", "addressing": "static",
+                 "address": "198.51.100.2", "netmask": "255.255.255.0",
+                 "gateway": "198.51.100.1", "dns": ["198.51.100.53", "198.51.100.54"]}, dhcp]}])
+
+    def test_raw(self):
+        write("device", COMPLETE)
+        self.assertEqual(self.expect(0, "show", "--raw").out.splitlines(),
+                         [f"{key}={COMPLETE[key]}" for key in KEYS])
+
+    def test_raw_with_missing_keys(self):
+        write("device", {"connectionName": "lan"})
+        self.assertEqual(self.expect(0, "show", "--raw").out.splitlines(),
+                         ["connectionName=lan" if key == "connectionName" else f"{key} is missing"
+                          for key in KEYS])
+
+    def test_raw_json(self):
+        write("device", {"connectionName": "lan"})
+        self.assertEqual(self.expect(0, "--json", "show", "--raw").objects,
+                         [{"type": "key", "key": key,
+                           "value": "lan" if key == "connectionName" else None} for key in KEYS])
+
+    def test_app(self):
+        write("device", COMPLETE)
+        write("other", {"connectionName": "wan"})
+        for arguments in (["--app", "other", "show"], ["show", "--app", "other"],
+                          ["--app=other", "show"], ["show", "--app=other"]):
+            self.assertIn("connection   wan\n", self.expect(0, *arguments).out)
+
+    def test_no_application(self):
+        result = self.expect(1, "show")
+        self.assertEqual(result.out, "")
+        self.assertIn("no application has a configuration in /sandbox/home/Documents; name yours "
+                      "with --app NAME", result.err)
+
+    def test_several_applications(self):
+        write("device", {})
+        write("other", {})
+        result = self.expect(1, "show")
+        self.assertIn("several applications have a configuration; choose one with --app NAME: "
+                      "device, other", result.err)
+
+    def test_application_without_a_file(self):
+        write("device", {})
+        result = self.expect(1, "--app", "other", "show")
+        self.assertIn(f'the application "other" has no configuration: there is no '
+                      f'{path_of("other")}; these have one: device', result.err)
+
+    def test_folder_without_a_file_is_no_application(self):
+        write("device", {})
+        path_of("other").parent.mkdir()
+        self.assertIn("application  device", self.expect(0, "show").out)
+
+    def test_full_output(self):
+        write("device", COMPLETE)
+        with open("/dev/full", "wb") as full:
+            done = subprocess.run([*tool.COMMAND, "show"], stdout=full, stderr=subprocess.PIPE,
+                                  check=False)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(b"the results could not be written", done.stderr)
+
+
+class Set(tool.TestCase):
+    """What is accepted, and how it is stored."""
+
+    def test_server(self):
+        write("device", COMPLETE)
+        result = self.expect(0, "set", "server", "2", "203.0.113.7:65535")
+        self.assertEqual(result.out, "server 2: 203.0.113.7:65535\n  was 192.0.2.1:9001\n"
+                                     f"{path_of('device')} is written\n")
+        self.assertEqual(stored(), COMPLETE | {"SecondServerIp": "203.0.113.7",
+                                               "SecondServerPort": "65535"})
+
+    def test_static_network(self):
+        write("device", COMPLETE)
+        result = self.expect(0, "set", "network", "2", "--address", "10.20.30.40/22", "--gateway",
+                             "10.20.28.1", "--dns", "8.8.8.8", "--dns", "8.8.4.4")
+        self.assertIn("network 2: static address 10.20.30.40/22, gateway 10.20.28.1, name servers "
+                      "8.8.8.8, 8.8.4.4\n  was automatic addressing (DHCP)\n", result.out)
+        self.assertEqual(stored(), COMPLETE | {
+            "SecondIsAutomatically": "true", "SecondLocalIp": "10.20.30.40",
+            "SecondLocalMask": "255.255.252.0", "SecondLocalGateWay": "10.20.28.1",
+            "SecondPreferredDNS": "8.8.8.8", "SecondSpareDNS": "8.8.4.4"})
+
+    def test_static_network_without_gateway_and_dns(self):
+        write("device", COMPLETE)
+        self.expect(0, "set", "network", "1", *STATIC)
+        self.assertEqual(stored(), COMPLETE | {
+            "FirstLocalIp": "10.0.0.2", "FirstLocalGateWay": "", "FirstPreferredDNS": "",
+            "FirstSpareDNS": ""})
+
+    def test_automatic_network(self):
+        write("device", COMPLETE)
+        self.expect(0, "set", "network", "1", "--dhcp")
+        self.assertEqual(stored(), COMPLETE | {
+            "FirstIsAutomatically": "false", "FirstLocalIp": "", "FirstLocalMask": "",
+            "FirstLocalGateWay": "", "FirstPreferredDNS": "", "FirstSpareDNS": ""})
+
+    def test_every_prefix(self):
+        for prefix in [*range(1, 8), *range(9, 33)]:
+            with self.subTest(prefix=prefix):
+                self.expect(0, "--app", "device", "set", "network", "1", "--address",
+                            f"100.100.100.101/{prefix}")
+                bits = int("".join(f"{int(part):08b}"
+                                   for part in stored()["FirstLocalMask"].split(".")), 2)
+                self.assertEqual(f"{bits:032b}", "1" * prefix + "0" * (32 - prefix))
+
+    def test_connection(self):
+        write("device", COMPLETE)
+        for name in ("Wired connection 1", "Kabel Büro", "eth0.100", "a,b", "x=y", "有线 1", "#1",
+                     "[lan]", "a/b", "1", "true", "10.0.0.1", "n" * 1024):
+            with self.subTest(name=name):
+                self.expect(0, "set", "connection", name)
+                shown = self.expect(0, "show", "--json").objects[0]
+                self.assertEqual(shown["connection"], name)
+
+    def test_enabled(self):
+        write("device", COMPLETE)
+        self.assertEqual(self.expect(0, "set", "enabled", "off").out,
+                         f"switching: off\n  was on\n{path_of('device')} is written\n")
+        self.assertEqual(stored(), COMPLETE | {"SwitchEnable": "false"})
+        self.expect(0, "set", "enabled", "on")
+        self.assertEqual(stored(), COMPLETE)
+
+    def test_json(self):
+        write("device", COMPLETE)
+        self.assertEqual(self.expect(0, "set", "enabled", "off", "--json").objects,
+                         [{"type": "change", "item": "switching", "old": "on", "new": "off",
+                           "written": True}])
+
+    def test_same_value(self):
+        path = write("device", COMPLETE)
+        before = path.stat()
+        result = self.expect(0, "set", "enabled", "on")
+        self.assertEqual(result.out, f"nothing to change: {path} has these values already\n")
+        self.assertEqual(path.stat(), before)
+
+    def test_missing_key_is_written_though_it_means_the_same(self):
+        write("device", {})
+        self.expect(0, "set", "enabled", "off")
+        self.assertEqual(stored(), {"SwitchEnable": "false"})
+
+    def test_new_application(self):
+        self.expect(0, "--app", "device", "set", "connection", "lan")
+        self.assertEqual(stored(), {"connectionName": "lan"})
+        self.assertEqual(os.listdir(path_of("device").parent), ["switch.ini"])
+
+    def test_other_keys_and_groups_stay(self):
+        path = write("device", COMPLETE | {"Own": "ours", "Blanks": '" kept "'})
+        with path.open("a", encoding="utf-8") as file:
+            file.write("\n[Group]\nKey=1\n")
+        self.expect(0, "set", "enabled", "off")
+        self.assertEqual(stored(), COMPLETE | {"SwitchEnable": "false", "Own": "ours",
+                                               "Blanks": '" kept "', "Key": "1"})
+        self.assertIn("[Group]\nKey=1", path.read_text(encoding="utf-8"))
+
+    def test_permissions_stay(self):
+        path = write("device", COMPLETE)
+        for mode in (0o600, 0o640, 0o644):
+            path.chmod(mode)
+            self.expect(0, "set", "enabled", "off" if mode != 0o640 else "on")
+            self.assertEqual(path.stat().st_mode & 0o7777, mode)
+
+    def test_link_stays(self):
+        path = write("device", COMPLETE)
+        target = tool.HOME / "elsewhere.ini"
+        path.rename(target)
+        path.symlink_to(target)
+        self.expect(0, "set", "enabled", "off")
+        self.assertTrue(path.is_symlink())
+        self.assertIn("SwitchEnable=false", target.read_text(encoding="utf-8"))
+        target.unlink()
+
+    def test_nothing_is_left_behind(self):
+        path = write("device", COMPLETE)
+        for name in ("switch.ini.new", "switch.ini.new.lock", "switch.ini.new.AbCdEf"):
+            (path.parent / name).write_text("left by a run that was killed", encoding="utf-8")
+        self.expect(0, "set", "enabled", "off")
+        self.assertEqual(os.listdir(path.parent), ["switch.ini"])
+
+
+class Failures(tool.TestCase):
+    """What keeps the file from being replaced; it stays as it was."""
+
+    def stays(self, result, reason):
+        self.assertEqual(result.out, "")
+        self.assertIn("nothing is changed: ", result.err)
+        self.assertIn(reason, result.err)
+
+    def test_folder_in_its_place(self):
+        path_of("device").mkdir(parents=True)
+        self.stays(self.expect(1, "--app", "device", "set", "enabled", "on"), "switch.ini")
+
+    def test_file_where_the_folder_should_be(self):
+        (tool.HOME / "Documents").mkdir()
+        (tool.HOME / "Documents" / "device").touch()
+        self.stays(self.expect(1, "--app", "device", "set", "enabled", "on"), "cannot be made")
+
+    def mounted(self, path, *options):
+        subprocess.run(["mount", *options, str(path.parent)], check=True)
+        self.addCleanup(subprocess.run, ["umount", str(path.parent)], check=True)
+
+    def test_read_only_folder(self):
+        path = path_of("device")
+        path.parent.mkdir(parents=True)
+        self.mounted(path, "-t", "tmpfs", "tmpfs")
+        write("device", COMPLETE)
+        before = path.read_bytes()
+        subprocess.run(["mount", "-o", "remount,ro", str(path.parent)], check=True)
+        self.stays(self.expect(1, "set", "enabled", "off"), "no file can be made in")
+        self.assertEqual(path.read_bytes(), before)
+
+    def test_full_disk(self):
+        path = path_of("device")
+        path.parent.mkdir(parents=True)
+        self.mounted(path, "-t", "tmpfs", "-o", "size=64k", "tmpfs")
+        write("device", COMPLETE)
+        before = path.read_bytes()
+        for spare in range(0, 3):
+            filler = path.parent / "filler"
+            filler.write_bytes(b"")
+            blocks = os.statvfs(path.parent).f_bavail - spare
+            filler.write_bytes(b"x" * 4096 * blocks)
+            result = self.expect(1, "set", "connection", "n" * 1024)
+            self.assertIn("nothing is changed: ", result.err)
+            self.assertEqual(path.read_bytes(), before)
+            self.assertEqual(sorted(os.listdir(path.parent)), ["filler", "switch.ini"])
+        (path.parent / "filler").unlink()
+        self.expect(0, "set", "connection", "n" * 1024)
+
+    def test_not_an_ini_file(self):
+        path = write("device", COMPLETE)
+        path.write_bytes(b"[General\nSwitchEnable=true\n")
+        before = path.read_bytes()
+        self.stays(self.expect(1, "set", "enabled", "off"), "it cannot be read as an INI file")
+        self.assertEqual(path.read_bytes(), before)
+
+    def test_locked_by_a_writer(self):
+        path = write("device", COMPLETE)
+        holder = subprocess.Popen(["sleep", "infinity"])
+        self.addCleanup(holder.wait)
+        self.addCleanup(holder.kill)
+        lock = path.parent / "switch.ini.lock"
+        lock.write_text(f"{holder.pid}\nsleep\n{os.uname().nodename}\n", encoding="utf-8")
+        # One that goes on writing; a lock that nobody renews is broken at last.
+        later = time.time() + 3600
+        os.utime(lock, (later, later))
+        self.stays(self.expect(1, "set", "enabled", "off"), "another program is writing")
+        lock.unlink()
+
+
+def power_cuts(arguments, *calls):
+    """Kills the tool at its first such system call, in the next run at its second one, and so on,
+    until it comes through; yields before each run what it is killed at."""
+    for call in calls:
+        number = 1
+        while True:
+            yield f"{call} number {number}"
+            done = subprocess.run(
+                ["strace", "-qq", "-o", "/dev/null", "-e", f"trace={call}",
+                 "-e", f"inject={call}:signal=KILL:when={number}", *tool.COMMAND, *arguments],
+                stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False)
+            if done.returncode == 0:
+                break
+            if done.returncode not in (-9, 137):
+                raise AssertionError(done)
+            number += 1
+
+
+class PowerCut(tool.TestCase):
+    """Whenever the tool is killed, the file is the old or the new one, and the next run works."""
+
+    def test_in_the_middle_of_set(self):
+        calls = ("write", "openat", "fsync", "chmod", "fchmod", "rename", "renameat2", "link",
+                 "linkat", "unlink", "close")
+        new = COMPLETE | {"SecondServerIp": "203.0.113.7", "SecondServerPort": "1"}
+        arguments = ["set", "server", "2", "203.0.113.7:1"]
+        seen = {"old": 0, "new": 0}
+        for cut in power_cuts(arguments, *calls):
+            if path_of("device").exists():
+                values = stored()
+                self.assertIn(values, (COMPLETE, new), f"before {cut}")
+                seen["new" if values == new else "old"] += 1
+            tool.remove_all()
+            write("device", COMPLETE)
+        self.assertGreater(seen["old"], 5)
+        self.assertGreater(seen["new"], 5)
+
+    def test_afterwards(self):
+        for _ in power_cuts(["set", "server", "2", "203.0.113.7:1"], "rename", "fsync", "write"):
+            if path_of("device").exists():
+                self.expect(0, "set", "server", "2", "203.0.113.8:2")
+                self.assertEqual(stored()["SecondServerIp"], "203.0.113.8")
+                self.assertEqual(os.listdir(path_of("device").parent), ["switch.ini"])
+            write("device", COMPLETE)
+
+
+class Import(tool.TestCase):
+    """The device's own settings."""
+    DEVICE = pathlib.Path("/userdata/netSettings.ini")
+    TEXT = ("[NetworkConnections]\nconName=wan\nMasterNet\\bDhcpEnabled=false\n"
+            "MasterNet\\ip=10.0.0.2\nMasterNet\\mask=255.255.255.0\nMasterNet\\gateway=10.0.0.1\n"
+            "MasterNet\\dns1=10.0.0.53\nMasterNet\\dns2=10.0.0.54\nSlaveNet\\bDhcpEnabled=true\n")
+    IMPORTED = {"connectionName": "wan", "FirstIsAutomatically": "true", "FirstLocalIp": "10.0.0.2",
+                "FirstLocalMask": "255.255.255.0", "FirstLocalGateWay": "10.0.0.1",
+                "FirstPreferredDNS": "10.0.0.53", "FirstSpareDNS": "10.0.0.54",
+                "SecondIsAutomatically": "false"}
+
+    def setUp(self):
+        super().setUp()
+        self.addCleanup(self.DEVICE.unlink, missing_ok=True)
+
+    def test_import(self):
+        write("device", COMPLETE)
+        self.DEVICE.write_text(self.TEXT, encoding="utf-8")
+        result = self.expect(0, "import")
+        self.assertEqual(result.out, f"""\
+connection: wan
+  was lan
+network 1: static address 10.0.0.2/24, gateway 10.0.0.1, name servers 10.0.0.53, 10.0.0.54
+  was static address 198.51.100.2/24, gateway 198.51.100.1, name servers 198.51.100.53, \
+198.51.100.54
+{path_of("device")} is written
+""")
+        self.assertEqual(stored(), COMPLETE | self.IMPORTED)
+        self.assertEqual(self.DEVICE.read_text(encoding="utf-8"), self.TEXT)
+
+    def test_dry_run(self):
+        path = write("device", COMPLETE)
+        before = path.stat()
+        other = tool.HOME / "device.ini"
+        other.write_text(self.TEXT, encoding="utf-8")
+        result = self.expect(0, "import", "--dry-run", "--from", str(other))
+        self.assertIn("connection: wan\n  is now lan\n", result.out)
+        self.assertIn(f"{path} is not changed\n", result.out)
+        self.assertEqual(path.stat(), before)
+        objects = self.expect(0, "import", "--dry-run", "--from", str(other), "--json").objects
+        self.assertEqual([(entry["item"], entry["written"]) for entry in objects],
+                         [("connection", False), ("network 1", False)])
+        other.unlink()
+
+    def test_flag_of_the_group(self):
+        write("device", COMPLETE)
+        self.DEVICE.write_text("[NetworkConnections]\nbDhcpEnabled=false\nMasterNet\\ip=10.0.0.2\n",
+                               encoding="utf-8")
+        self.expect(0, "import")
+        self.assertEqual((stored()["FirstIsAutomatically"], stored()["SecondIsAutomatically"]),
+                         ("true", "true"))
+        self.assertEqual(stored()["connectionName"], "")
+
+    def test_refused(self):
+        path = write("device", COMPLETE)
+        before = path.read_bytes()
+        folder = tool.HOME / "folder"
+        folder.mkdir(exist_ok=True)
+        broken, alien = tool.HOME / "broken.ini", tool.HOME / "alien.ini"
+        broken.write_bytes(b"[NetworkConnections\nx=1\n")
+        alien.write_bytes(b"[Other]\nconName=x\n")
+        for name, reason in ((self.DEVICE, "there is no "), (folder, ""),
+                             (broken, "is not an INI file"),
+                             (alien, "has no group NetworkConnections")):
+            result = self.expect(1, "import", "--from", str(name))
+            self.assertIn("nothing is changed: ", result.err)
+            self.assertIn(str(name), result.err)
+            self.assertIn(reason, result.err)
+            self.assertEqual(path.read_bytes(), before)
+
+
+if __name__ == "__main__":
+    tool.main()

@@ -8,7 +8,6 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QLockFile>
-#include <QTemporaryFile>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -47,28 +46,31 @@ bool synchronise(const QString &path, int flags)
     return done;
 }
 
-// A copy of the file beside it, or an empty one; its name, or nothing.
-QString copyBeside(const QString &path, QString *error)
+// What a run that was killed has left beside the file.
+void removeLeftovers(const QString &copy)
 {
-    QTemporaryFile copy(path + QStringLiteral(".XXXXXX"));
-    copy.setAutoRemove(false);
+    QDir folder = QFileInfo(copy).dir();
+    const QString pattern = QFileInfo(copy).fileName() + QLatin1Char('*');
+    for (const QString &name : folder.entryList({ pattern }, QDir::Files | QDir::Hidden))
+        folder.remove(name);
+}
+
+// Makes the copy, of nothing if there is no file yet. Returns what went wrong, or nothing.
+QString copyTo(const QString &copyPath, const QString &path)
+{
     QFile original(path);
     const bool exists = original.exists();
-    if (!copy.open() || (exists && !original.open(QIODevice::ReadOnly))) {
-        *error = exists && copy.isOpen() ? original.errorString() : copy.errorString();
-        copy.remove();
-        return QString();
-    }
+    if (exists && !original.open(QIODevice::ReadOnly))
+        return original.errorString();
+    QFile copy(copyPath);
+    if (!copy.open(QIODevice::WriteOnly))
+        return copy.errorString();
     const QByteArray bytes = exists ? original.readAll() : QByteArray();
-    if (copy.write(bytes) != bytes.size() || !copy.flush()) {
-        *error = copy.errorString();
-        copy.remove();
-        return QString();
-    }
-    copy.setPermissions(exists ? original.permissions()
-                               : QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup
-                                        | QFile::ReadOther);
-    return copy.fileName();
+    if (copy.write(bytes) != bytes.size() || !copy.flush())
+        return copy.errorString();
+    if (exists)
+        copy.setPermissions(original.permissions());
+    return QString();
 }
 
 QString applyTo(const QString &path, const Changes &changes)
@@ -86,18 +88,18 @@ QString applyTo(const QString &path, const Changes &changes)
 // The steps of replacing the file, behind its lock.
 QString replace(const QString &path, const Changes &changes)
 {
-    QString error;
-    const QString copy = copyBeside(path, &error);
-    if (copy.isEmpty())
-        return error;
-    error = applyTo(copy, changes);
+    const QString copy = path + QStringLiteral(".new");
+    removeLeftovers(copy);
+    QString error = copyTo(copy, path);
+    if (error.isEmpty())
+        error = applyTo(copy, changes);
     if (error.isEmpty() && !synchronise(copy, O_RDONLY))
         error = systemError(copy);
     if (error.isEmpty()
         && std::rename(QFile::encodeName(copy).constData(), QFile::encodeName(path).constData()))
         error = systemError(path);
     if (!error.isEmpty()) {
-        QFile::remove(copy);
+        removeLeftovers(copy);
         return error;
     }
     synchronise(QFileInfo(path).path(), O_RDONLY | O_DIRECTORY);
@@ -274,8 +276,11 @@ QString save(const QString &path, const Changes &changes)
         return QStringLiteral("the folder %1 cannot be made").arg(targetFolder);
     // The lock that the library's own writers take.
     QLockFile lock(target + QStringLiteral(".lock"));
-    constexpr int patienceMs = 5000;
-    if (!lock.tryLock(patienceMs)) {
+    // A writer takes milliseconds. One that was killed leaves its lock, which counts until it is
+    // old if it does not say whose it is.
+    constexpr int oldMs = 10000;
+    lock.setStaleLockTime(oldMs);
+    if (!lock.tryLock(oldMs + 2000)) {
         return lock.error() == QLockFile::LockFailedError
                 ? QStringLiteral("another program is writing %1").arg(target)
                 : QStringLiteral("no file can be made in %1").arg(targetFolder);
