@@ -4,7 +4,7 @@
 import os
 import pathlib
 import subprocess
-import time
+import threading
 
 import tool
 from tool import KEYS, path_of, write
@@ -314,9 +314,18 @@ class Failures(tool.TestCase):
         lock = path.parent / "switch.ini.lock"
         lock.write_text(f"{holder.pid}\nsleep\n{os.uname().nodename}\n", encoding="utf-8")
         # One that goes on writing; a lock that nobody renews is broken at last.
-        later = time.time() + 3600
-        os.utime(lock, (later, later))
-        self.stays(self.expect(1, "set", "enabled", "off"), "another program is writing")
+        done = threading.Event()
+
+        def renew():
+            while not done.wait(0.1):
+                lock.touch()
+        renewer = threading.Thread(target=renew)
+        renewer.start()
+        try:
+            self.stays(self.expect(1, "set", "enabled", "off"), "another program is writing")
+        finally:
+            done.set()
+            renewer.join()
         lock.unlink()
 
 
