@@ -1,0 +1,97 @@
+# SPDX-License-Identifier: MIT
+# Completion of hoplanectl for bash.
+
+# The applications that have a configuration, one a line.
+_hoplanectl_applications() {
+  local documents folder
+  documents=$(xdg-user-dir DOCUMENTS 2>/dev/null)
+  for folder in "${documents:-$HOME/Documents}"/*/; do
+    [ -f "${folder}switch.ini" ] && basename "$folder"
+  done
+}
+
+# The connections that NetworkManager knows, one a line.
+_hoplanectl_connections() {
+  nmcli -g NAME connection show 2>/dev/null
+}
+
+# Offers the lines of standard input that begin with the word; they may contain blanks.
+_hoplanectl_offer_lines() {
+  local line
+  while IFS= read -r line; do
+    [[ $line == "$1"* ]] && COMPREPLY+=("$(printf '%q' "$line")")
+  done
+}
+
+_hoplanectl_offer() {
+  local word=$1
+  shift
+  mapfile -t COMPREPLY < <(compgen -W "$*" -- "$word")
+}
+
+# The options of a command beside those that all have.
+_hoplanectl_options() {
+  case $1 in
+    show) echo --raw ;;
+    set)
+      case $2 in
+        network) echo --dhcp --address --gateway --dns ;;
+      esac
+      ;;
+    import) echo --from --dry-run ;;
+    check) echo --probe ;;
+    probe) echo --attempts --interval ;;
+    search) echo --timeout --verbose ;;
+  esac
+}
+
+# The values of a command's next argument; $2 and on are those that are there already.
+_hoplanectl_arguments() {
+  local command=$1 word=$2
+  shift 2
+  case "$command/$#/${1-}" in
+    set/0/*) _hoplanectl_offer "$word" server network connection enabled ;;
+    set/1/server | set/1/network) _hoplanectl_offer "$word" 1 2 ;;
+    set/1/enabled) _hoplanectl_offer "$word" on off ;;
+    set/1/connection) _hoplanectl_offer_lines "$word" < <(_hoplanectl_connections) ;;
+    log/0/*) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
+  esac
+}
+
+_hoplanectl() {
+  local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+  local command='' arguments=() index
+  COMPREPLY=()
+  for ((index = 1; index < COMP_CWORD; ++index)); do
+    case ${COMP_WORDS[index]} in
+      --app | --address | --gateway | --dns | --from | --attempts | --interval | --timeout)
+        ((++index))
+        ;;
+      -*) ;;
+      *)
+        if [ -z "$command" ]; then
+          command=${COMP_WORDS[index]}
+        else
+          arguments+=("${COMP_WORDS[index]}")
+        fi
+        ;;
+    esac
+  done
+
+  case $previous in
+    --app) _hoplanectl_offer_lines "$word" < <(_hoplanectl_applications); return ;;
+    --from) mapfile -t COMPREPLY < <(compgen -f -- "$word"); return ;;
+    --address | --gateway | --dns | --attempts | --interval | --timeout) return ;;
+  esac
+  if [[ $word == -* ]]; then
+    # shellcheck disable=SC2046 # options are single words
+    _hoplanectl_offer "$word" --app --json --help $([ -n "$command" ] || echo --version) \
+      $(_hoplanectl_options "$command" "${arguments[0]-}")
+  elif [ -z "$command" ]; then
+    _hoplanectl_offer "$word" show set import check plan probe search watch log
+  else
+    _hoplanectl_arguments "$command" "$word" "${arguments[@]}"
+  fi
+}
+
+complete -F _hoplanectl hoplanectl
