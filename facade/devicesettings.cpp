@@ -3,6 +3,8 @@
 
 #include "switchsettings_p.h"
 
+const char deviceSettingsPath[] = "/userdata/netSettings.ini";
+
 namespace {
 
 bool dhcpEnabled(const IniFile &device, bool fallback)
@@ -26,17 +28,14 @@ LocalAddressing readNetwork(IniFile *device, QLatin1String group, bool dhcpFallb
 
 } // namespace
 
-QString DeviceSettings::path()
-{
-    return QStringLiteral("/userdata/netSettings.ini");
-}
-
-DeviceSettings DeviceSettings::read(const QString &path)
+void readDeviceSettings(const QString &path, const DeviceSettingsReceiver &receiver)
 {
     IniFile device(path);
     device.beginGroup(QLatin1String("NetworkConnections"));
+    receiver.connectionName(device.text(QLatin1String("conName")));
     const bool dhcpFallback = dhcpEnabled(device, true);
-    return { device.text(QLatin1String("conName")),
-             readNetwork(&device, QLatin1String("MasterNet"), dhcpFallback),
-             readNetwork(&device, QLatin1String("SlaveNet"), dhcpFallback) };
+
+    receiver.firstNetwork(readNetwork(&device, QLatin1String("MasterNet"), dhcpFallback));
+    receiver.secondNetwork(readNetwork(&device, QLatin1String("SlaveNet"), dhcpFallback));
+    device.endGroup();
 }

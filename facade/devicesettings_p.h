@@ -4,6 +4,8 @@
 
 #include <QtCore/QString>
 
+#include <functional>
+
 /** One network of the device's settings file, in the terms of switch.ini. */
 struct LocalAddressing
 {
@@ -15,18 +17,18 @@ struct LocalAddressing
     QString dns2;
 };
 
-/** The device's own settings file: what of it replaces values of switch.ini. */
-struct DeviceSettings
+/** Who takes what the device's settings file has; each is called before the next is read. */
+struct DeviceSettingsReceiver
 {
-    QString connectionName;
-    LocalAddressing master; // the first network
-    LocalAddressing slave; // the second network
-
-    /** Where the device keeps it. */
-    static QString path();
-
-    /** A missing key is empty; a missing flag is the group's, and that one DHCP. */
-    static DeviceSettings read(const QString &path);
+    std::function<void(const QString &)> connectionName;
+    std::function<void(const LocalAddressing &)> firstNetwork;
+    std::function<void(const LocalAddressing &)> secondNetwork;
 };
+
+/** Where the device keeps its settings. */
+extern const char deviceSettingsPath[];
+
+/** A missing key is empty; a missing flag is the group's, and that one's default is DHCP. */
+void readDeviceSettings(const QString &path, const DeviceSettingsReceiver &receiver);
 
 #endif

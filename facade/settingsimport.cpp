@@ -8,18 +8,20 @@
 
 void Hoplane::loadSwitchLocalConfig()
 {
-    const QString path = DeviceSettings::path();
+    const QString path = QLatin1String(deviceSettingsPath);
     if (!QFile::exists(path)) {
         qWarning() << LogPrefix(__func__) << "NetSetting.ini not exist.";
         return;
     }
 
-    const DeviceSettings device = DeviceSettings::read(path);
-    saveConnectionName(device.connectionName);
-    const LocalAddressing &master = device.master;
-    saveFirstLocalInoToFile(master.isAutomatically, master.ip, master.mask, master.gateway,
-                            master.dns1, master.dns2);
-    const LocalAddressing &slave = device.slave;
-    saveSecondLocalInfoToFile(slave.isAutomatically, slave.ip, slave.mask, slave.gateway,
-                              slave.dns1, slave.dns2);
+    readDeviceSettings(path,
+                       { [this](const QString &name) { saveConnectionName(name); },
+                         [this](const LocalAddressing &master) {
+                             saveFirstLocalInoToFile(master.isAutomatically, master.ip, master.mask,
+                                                     master.gateway, master.dns1, master.dns2);
+                         },
+                         [this](const LocalAddressing &slave) {
+                             saveSecondLocalInfoToFile(slave.isAutomatically, slave.ip, slave.mask,
+                                                       slave.gateway, slave.dns1, slave.dns2);
+                         } });
 }

@@ -1,25 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
-#include "../../facade/devicesettings_p.h"
 #include "change.h"
+#include "devicesettings.h"
 
 #include <QFile>
 #include <QSettings>
 
 namespace {
-
-NetworkSettings addressingOf(const LocalAddressing &device)
-{
-    NetworkSettings network;
-    network.isStatic = device.isAutomatically;
-    network.ip = device.ip;
-    network.mask = device.mask;
-    network.gateway = device.gateway;
-    network.dns1 = device.dns1;
-    network.dns2 = device.dns2;
-    return network;
-}
 
 // Why the file cannot be imported; nothing if it can. The library itself asks for nothing of this
 // and imports emptiness.
@@ -62,10 +50,5 @@ int runImport(Context &context, const Command &command, const QStringList &argum
     }
     if (!Configuration::choose(context.app, true))
         return ExitFailed;
-    const DeviceSettings device = DeviceSettings::read(from);
-    Changes changes;
-    changes.setConnection(device.connectionName);
-    changes.setAddressing(0, addressingOf(device.master));
-    changes.setAddressing(1, addressingOf(device.slave));
-    return makeChanges(&context.out, changes, dryRun);
+    return makeChanges(&context.out, DeviceSettings::read(from).changes(), dryRun);
 }
