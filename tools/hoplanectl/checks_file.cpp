@@ -1,0 +1,310 @@
+// SPDX-License-Identifier: MIT
+// The items about the file itself.
+
+#include "checks.h"
+
+#include "../../worker/switchsettings_p.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QTextCodec>
+
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// Why the library could not read the file; nothing if it can.
+std::optional<Finding> unreadable(const Situation &situation)
+{
+    const QString &path = situation.path;
+    const QString first = situation.set(QStringLiteral("server 1 IP:PORT"))
+            + QStringLiteral("; then server 2, network 1, network 2, connection and enabled");
+    const QFileInfo info(path);
+    if (info.isSymLink() && !info.exists())
+        return Finding::fault(QStringLiteral("%1 is a link that leads nowhere").arg(path),
+                              QStringLiteral("rm %1; then %2").arg(Check::quoted(path), first));
+    if (!info.exists())
+        return Finding::fault(QStringLiteral("there is no %1").arg(path), first);
+    if (!info.isFile())
+        return Finding::fault(
+                QStringLiteral("%1 is no regular file").arg(path),
+                QStringLiteral("mv %1 %1.old; then %2").arg(Check::quoted(path), first));
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return Finding::fault(QStringLiteral("%1 cannot be read by the user %2: %3")
+                                      .arg(path, Check::user(), file.errorString()),
+                              QStringLiteral("chown %1 %2; or run the check as the application's "
+                                             "user")
+                                      .arg(Check::user(), Check::quoted(path)));
+    return std::nullopt;
+}
+
+// The number of the first line that is none of an INI file, 0 if there is none that shows.
+int badLine(const QByteArray &bytes)
+{
+    const QList<QByteArray> lines = bytes.split('\n');
+    for (int index = 0; index < lines.size(); ++index) {
+        const QByteArray line = lines[index].trimmed();
+        const bool group = line.startsWith('[') && line.contains(']');
+        if (!line.isEmpty() && !line.startsWith(';') && !line.startsWith('#') && !group
+            && !line.contains('='))
+            return index + 1;
+    }
+    return 0;
+}
+
+bool isUtf8(const QByteArray &bytes)
+{
+    QTextCodec::ConverterState state;
+    QTextCodec::codecForName("UTF-8")->toUnicode(bytes.constData(), bytes.size(), &state);
+    return state.invalidChars == 0 && state.remainingChars == 0;
+}
+
+// The command that writes the key.
+QString commandFor(const Situation &situation, const QString &key)
+{
+    if (key == SwitchSettings::enableKey)
+        return situation.set(QStringLiteral("enabled on"));
+    if (key == SwitchSettings::connectionNameKey)
+        return situation.set(QStringLiteral("connection NAME"));
+    const QString number = QString::number(key.startsWith(QLatin1String("First")) ? 1 : 2);
+    if (key.contains(QLatin1String("Server")))
+        return situation.set(QStringLiteral("server %1 IP:PORT").arg(number));
+    return situation.set(
+            QStringLiteral("network %1 --dhcp, or --address IP/PREFIX --gateway IP").arg(number));
+}
+
+QString commandsFor(const Situation &situation, const QStringList &keys)
+{
+    QStringList commands;
+    for (const QString &key : keys)
+        commands.append(commandFor(situation, key));
+    commands.removeDuplicates();
+    return commands.join(QStringLiteral("; "));
+}
+
+QString counted(const QStringList &keys)
+{
+    return keys.size() == 1 ? QStringLiteral("the key %1").arg(keys.first())
+                            : QStringLiteral("the keys %1").arg(keys.join(QStringLiteral(", ")));
+}
+
+// The text fields of a network with automatic addressing, which the library does not look at.
+bool isUnused(const Situation &situation, const QString &key)
+{
+    if (key.contains(QLatin1String("Server")) || key.contains(QLatin1String("Automatically")))
+        return false;
+    return (key.startsWith(QLatin1String("First")) && !situation.settings.networks[0].isStatic)
+            || (key.startsWith(QLatin1String("Second"))
+                && !situation.settings.networks[1].isStatic);
+}
+
+bool isFlag(const QString &key)
+{
+    return key == SwitchSettings::enableKey || key == SwitchSettings::firstKeys.isAutomatically
+            || key == SwitchSettings::secondKeys.isAutomatically;
+}
+
+// Words that the library takes for true although they say something else, or nothing.
+bool isOddFlag(const QString &text)
+{
+    static const QStringList usual = { QString(), QStringLiteral("true"), QStringLiteral("false"),
+                                       QStringLiteral("1"), QStringLiteral("0") };
+    return !usual.contains(text.toLower());
+}
+
+void judgeValues(const Situation &situation, const QVector<RawValue> &values, Findings *found)
+{
+    QStringList missing;
+    for (const RawValue &raw : values) {
+        const QString key = raw.key;
+        const QString text = Configuration::rawText(raw.value);
+        if (!raw.value.isValid())
+            missing.append(key);
+        else if (raw.value.type() == QVariant::StringList && !isUnused(situation, key))
+            found->append(Finding::fault(
+                    QStringLiteral("%1=%2: a value with a comma that is not in quotes is %3 for "
+                                   "the library")
+                            .arg(key, Check::shown(text),
+                                 isFlag(key) ? QStringLiteral("false") : QStringLiteral("empty")),
+                    commandFor(situation, key)));
+        else if (isFlag(key) && isOddFlag(text))
+            found->append(Finding::warning(
+                    QStringLiteral("%1=%2: the library takes this for true; only 0, false and "
+                                   "nothing are false")
+                            .arg(key, Check::shown(text)),
+                    commandFor(situation, key)));
+    }
+    if (!missing.isEmpty())
+        found->append(Finding::warning(QStringLiteral("the library takes %1 as false or empty: not "
+                                                      "in the file")
+                                               .arg(counted(missing)),
+                                       commandsFor(situation, missing)));
+}
+
+void judgeStrangers(const Situation &situation, const QVector<RawValue> &values, Findings *found)
+{
+    QStringList known;
+    for (const RawValue &raw : values)
+        known.append(raw.key);
+    QStringList unknown;
+    QStringList misplaced;
+    const QSettings file(situation.path, QSettings::IniFormat);
+    for (const QString &key : file.allKeys()) {
+        const QString last = key.section(QLatin1Char('/'), -1);
+        if (key != last && known.contains(last))
+            misplaced.append(Check::shown(key));
+        else if (!known.contains(key))
+            unknown.append(Check::shown(key));
+    }
+    if (!misplaced.isEmpty())
+        found->append(Finding::warning(
+                QStringLiteral("%1: the library looks into the group [General] only")
+                        .arg(counted(misplaced)),
+                QStringLiteral("move these lines of %1 behind the line [General]")
+                        .arg(situation.path)));
+    if (!unknown.isEmpty())
+        found->append(
+                Finding::warning(QStringLiteral("the library does not know %1; a slip of the pen?")
+                                         .arg(counted(unknown)),
+                                 QStringLiteral("correct the names in %1, or remove these lines")
+                                         .arg(situation.path)));
+}
+
+QString nameOfUser(uid_t id)
+{
+    const passwd *const entry = getpwuid(id);
+    return entry ? QString::fromLocal8Bit(entry->pw_name) : QString::number(id);
+}
+
+// The owner's own group: of his name, and without anybody else.
+bool isPrivateGroup(gid_t id, const QString &owner)
+{
+    const group *const entry = getgrgid(id);
+    if (!entry || QString::fromLocal8Bit(entry->gr_name) != owner)
+        return false;
+    for (char **member = entry->gr_mem; *member; ++member) {
+        if (QString::fromLocal8Bit(*member) != owner)
+            return false;
+    }
+    return true;
+}
+
+// Who else may write the file, or replace what is in the folder; nothing if nobody may.
+std::optional<Finding> writableByOthers(const QString &path)
+{
+    struct stat state = {};
+    if (stat(QFile::encodeName(path).constData(), &state) != 0)
+        return Finding::notJudged(QStringLiteral("%1 cannot be examined").arg(path));
+    const QString consequence = QStringLiteral(", and whoever does can run commands as the "
+                                               "application");
+    const QString owner = nameOfUser(state.st_uid);
+    if (state.st_uid != 0 && state.st_uid != geteuid())
+        return Finding::fault(
+                QStringLiteral("the user %1 may write %2%3").arg(owner, path, consequence),
+                QStringLiteral("chown %1 %2; or run the check as the application's user")
+                        .arg(Check::user(), Check::quoted(path)));
+    // In a folder with this bit everybody may replace his own files only.
+    if (S_ISDIR(state.st_mode) && (state.st_mode & S_ISVTX) != 0)
+        return std::nullopt;
+    if ((state.st_mode & S_IWOTH) != 0)
+        return Finding::fault(QStringLiteral("everybody may write %1%2").arg(path, consequence),
+                              QStringLiteral("chmod go-w %1").arg(Check::quoted(path)));
+    if ((state.st_mode & S_IWGRP) != 0 && !isPrivateGroup(state.st_gid, owner)) {
+        const group *const entry = getgrgid(state.st_gid);
+        const QString name =
+                entry ? QString::fromLocal8Bit(entry->gr_name) : QString::number(state.st_gid);
+        return Finding::fault(
+                QStringLiteral("the group %1 may write %2%3").arg(name, path, consequence),
+                QStringLiteral("chmod g-w %1").arg(Check::quoted(path)));
+    }
+    return std::nullopt;
+}
+
+// The file and all folders on the way to it, also behind links.
+QStringList way(const QString &path)
+{
+    QStringList way{ path };
+    for (const QString &end : { path, QFileInfo(path).canonicalFilePath() }) {
+        for (QString folder = QFileInfo(end).path(); !way.contains(folder);
+             folder = QFileInfo(folder).path())
+            way.append(folder);
+    }
+    return way;
+}
+
+} // namespace
+
+Findings Check::file(Situation &situation)
+{
+    if (situation.path.isEmpty())
+        return { Finding::fault(
+                QStringLiteral("no application has a configuration in %1")
+                        .arg(Configuration::folder()),
+                QStringLiteral("hoplanectl --app NAME set server 1 IP:PORT, with the "
+                               "application's name; then server 2, network 1, network 2, "
+                               "connection and enabled")) };
+    if (const std::optional<Finding> finding = unreadable(situation))
+        return { *finding };
+    situation.readable = true;
+    situation.settings = Settings::read(situation.path);
+    Findings found;
+    QFile file(situation.path);
+    const QByteArray bytes = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    const QSettings settings(situation.path, QSettings::IniFormat);
+    if (settings.status() != QSettings::NoError) {
+        const int number = badLine(bytes);
+        found.append(Finding::fault(
+                number == 0 ? QStringLiteral("%1 is no INI file throughout").arg(situation.path)
+                            : QStringLiteral("%1: line %2 is none of an INI file")
+                                      .arg(situation.path)
+                                      .arg(number),
+                QStringLiteral("correct %1 with an editor").arg(situation.path)));
+    }
+    if (!isUtf8(bytes))
+        found.append(Finding::warning(
+                QStringLiteral("%1 has bytes that are no UTF-8, which the library replaces")
+                        .arg(situation.path),
+                QStringLiteral("correct %1 with an editor").arg(situation.path)));
+    if (found.isEmpty())
+        found.append(Finding::good(situation.path));
+    return found;
+}
+
+Findings Check::keys(Situation &situation)
+{
+    const QVector<RawValue> values = Configuration::rawValues(situation.path);
+    Findings found;
+    judgeValues(situation, values, &found);
+    judgeStrangers(situation, values, &found);
+    if (found.isEmpty())
+        found.append(Finding::good(QStringLiteral("all %1 are there").arg(values.size())));
+    return found;
+}
+
+Findings Check::trust(Situation &situation)
+{
+    Findings found;
+    for (const QString &path : way(situation.path)) {
+        if (const std::optional<Finding> finding = writableByOthers(path))
+            found.append(*finding);
+    }
+    if (found.isEmpty())
+        found.append(Finding::good(
+                QStringLiteral("only %1 may write the file and its folders")
+                        .arg(geteuid() == 0 ? QStringLiteral("root")
+                                            : QStringLiteral("root and %1").arg(user()))));
+    return found;
+}
+
+Findings Check::enabled(Situation &situation)
+{
+    if (situation.settings.enabled)
+        return { Finding::good(QStringLiteral("switching is on")) };
+    return { Finding::warning(
+            QStringLiteral("switching is off: the library does nothing, and signals nothing"),
+            situation.set(QStringLiteral("enabled on"))) };
+}

@@ -1,0 +1,402 @@
+// SPDX-License-Identifier: MIT
+// The items about NetworkManager and what it says of the connection.
+
+#include "checks.h"
+
+#include "values.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QStandardPaths>
+
+#include <sys/statvfs.h>
+
+namespace {
+
+using Nmcli::Answer;
+
+const QString wired = QStringLiteral("802-3-ethernet");
+const QString profileFolder = QStringLiteral("/etc/NetworkManager/system-connections");
+
+Finding unanswered(const Answer &answer)
+{
+    return Finding::fault(answer.message, QStringLiteral("systemctl restart NetworkManager"));
+}
+
+QVector<Connection> connections(const Answer &answer)
+{
+    QVector<Connection> found;
+    for (const QStringList &row : answer.rows)
+        found.append({ row.value(0), row.value(1), row.value(2), row.value(3) });
+    return found;
+}
+
+// One property of the connection's profile, or nothing.
+QString property(const Connection &connection, const QString &name)
+{
+    return Nmcli::ask({ QStringLiteral("-g"), name, QStringLiteral("connection"),
+                        QStringLiteral("show"), QStringLiteral("uuid"), connection.uuid })
+            .word();
+}
+
+QString inPath()
+{
+    return QStringLiteral("PATH, which is %1").arg(qEnvironmentVariable("PATH"));
+}
+
+// How to get a connection that can be named, from what there is.
+QString remedyForNone(const Situation &situation, const QVector<Connection> &all)
+{
+    QStringList commands;
+    for (const Connection &connection : all) {
+        if (connection.type == wired)
+            commands.append(
+                    situation.set(QStringLiteral("connection ") + Check::quoted(connection.name)));
+    }
+    const QString name = situation.settings.connection;
+    if (commands.isEmpty())
+        commands.append(
+                QStringLiteral("nmcli connection add type ethernet ifname INTERFACE "
+                               "con-name %1")
+                        .arg(name.isEmpty() ? QStringLiteral("NAME") : Check::quoted(name)));
+    return commands.join(QStringLiteral("; or "));
+}
+
+Findings judgeType(Situation *situation, const Connection &connection,
+                   const QVector<Connection> &all)
+{
+    if (connection.type != wired) {
+        QVector<Connection> others;
+        for (const Connection &other : all) {
+            if (other.uuid != connection.uuid)
+                others.append(other);
+        }
+        return { Finding::fault(QStringLiteral("%1 is no wired connection: its type is %2")
+                                        .arg(Check::shown(connection.name), connection.type),
+                                remedyForNone(*situation, others)) };
+    }
+    situation->connection = connection;
+    return { Finding::good(QStringLiteral("%1, wired, %2, %3")
+                                   .arg(Check::shown(connection.name), connection.uuid,
+                                        connection.device.isEmpty() ? QStringLiteral("not active")
+                                                                    : QStringLiteral("active on ")
+                                                        + connection.device)) };
+}
+
+Findings judgeSeveral(const QVector<Connection> &found)
+{
+    QStringList commands;
+    for (const Connection &connection : found.mid(1))
+        commands.append(QStringLiteral("nmcli connection delete uuid %1").arg(connection.uuid));
+    return { Finding::fault(
+            QStringLiteral("%1 connections are named %2: the library takes them for one, and "
+                           "nothing is applied")
+                    .arg(found.size())
+                    .arg(Check::shown(found.first().name)),
+            QStringLiteral("keep one: ") + commands.join(QStringLiteral("; "))) };
+}
+
+// The library's own question, so that what nmcli takes for a name counts.
+Findings namedConnection(Situation *situation, const QVector<Connection> &all)
+{
+    const QString &name = situation->settings.connection;
+    if (Values::connectionName(name))
+        return { Finding::notJudged(QStringLiteral("the name cannot be looked up")) };
+    const Answer answer =
+            Nmcli::ask({ QStringLiteral("-g"), QStringLiteral("connection.uuid"),
+                         QStringLiteral("connection"), QStringLiteral("show"), name });
+    if (answer.outcome != Answer::Answered && answer.status != Nmcli::NotFound)
+        return { unanswered(answer) };
+    QVector<Connection> found;
+    for (const QStringList &row : answer.rows) {
+        for (const Connection &connection : all) {
+            if (connection.uuid == row.value(0))
+                found.append(connection);
+        }
+    }
+    if (found.isEmpty())
+        return { Finding::fault(
+                QStringLiteral("NetworkManager has no connection %1").arg(Check::shown(name)),
+                remedyForNone(*situation, all)) };
+    if (found.size() > 1)
+        return judgeSeveral(found);
+    return judgeType(situation, found.first(), all);
+}
+
+Findings activeConnection(Situation *situation, const QVector<Connection> &all)
+{
+    QVector<Connection> active;
+    QStringList names;
+    for (const Connection &connection : all) {
+        if (!connection.device.isEmpty()) {
+            active.append(connection);
+            names.append(QStringLiteral("%1 on %2")
+                                 .arg(Check::shown(connection.name), connection.device));
+        }
+    }
+    if (active.isEmpty())
+        return { Finding::fault(QStringLiteral("none is named and none is active: the library has "
+                                               "nothing to apply an addressing to"),
+                                remedyForNone(*situation, all)) };
+    if (active.size() > 1)
+        return { Finding::fault(
+                QStringLiteral("none is named and %1 are active, %2: the library takes them for "
+                               "one, and nothing is applied")
+                        .arg(active.size())
+                        .arg(names.join(QStringLiteral(", "))),
+                remedyForNone(*situation, all)) };
+    return judgeType(situation, active.first(), all);
+}
+
+// The interface that the connection uses, or would use. Otherwise what is wrong with it.
+std::optional<Finding> findInterface(Situation *situation, const Answer &devices)
+{
+    const Connection &connection = *situation->connection;
+    situation->interface = connection.device.isEmpty()
+            ? property(connection, QStringLiteral("connection.interface-name"))
+            : connection.device;
+    if (!situation->interface.isEmpty())
+        return std::nullopt;
+    QStringList names;
+    for (const QStringList &device : devices.rows) {
+        if (device.value(1) == QLatin1String("ethernet"))
+            names.append(device.value(0));
+    }
+    const QString command =
+            QStringLiteral("nmcli connection modify %1 connection.interface-name %2")
+                    .arg(Check::quoted(connection.name));
+    if (names.isEmpty())
+        return Finding::fault(QStringLiteral("there is no wired interface"),
+                              QStringLiteral("load the driver of the network adapter"));
+    if (names.size() > 1)
+        return Finding::warning(QStringLiteral("the connection may use any of %1")
+                                        .arg(names.join(QStringLiteral(", "))),
+                                command.arg(names.first()));
+    situation->interface = names.first();
+    return std::nullopt;
+}
+
+// Not of NetworkManager, which tells it later.
+bool hasCarrier(const QString &interface)
+{
+    QFile carrier(QStringLiteral("/sys/class/net/%1/carrier").arg(interface));
+    // An interface that is down cannot be read.
+    return carrier.open(QIODevice::ReadOnly) && carrier.readAll().trimmed() == "1";
+}
+
+// The folder that a change of the profile is stored in, or the nearest one there is.
+QString storedIn(const QString &fileName)
+{
+    const bool kept = !fileName.isEmpty() && !fileName.startsWith(QLatin1String("/run/"))
+            && !fileName.startsWith(QLatin1String("/usr/"));
+    QString folder = kept ? QFileInfo(fileName).path() : profileFolder;
+    while (!QFileInfo::exists(folder))
+        folder = QFileInfo(folder).path();
+    return folder;
+}
+
+bool isReadOnly(const QString &folder)
+{
+    struct statvfs state = {};
+    return statvfs(QFile::encodeName(folder).constData(), &state) == 0
+            && (state.f_flag & ST_RDONLY) != 0;
+}
+
+// As root writes it; it allows what is needed and nothing else.
+QString polkitRule(const QStringList &actions)
+{
+    QStringList conditions;
+    for (const QString &action : actions)
+        conditions.append(QStringLiteral("action.id == \"%1\"").arg(action));
+    return QStringLiteral("write into /etc/polkit-1/rules.d/50-hoplane.rules: "
+                          "polkit.addRule(function(action, subject) { if (subject.user == \"%1\" "
+                          "&& (%2)) return polkit.Result.YES; }); or run the application as root")
+            .arg(Check::user(), conditions.join(QStringLiteral(" || ")));
+}
+
+QString meaningOf(const QString &value)
+{
+    if (value == QLatin1String("no"))
+        return QStringLiteral("is refused");
+    if (value == QLatin1String("auth"))
+        return QStringLiteral("asks for somebody's password, and nobody is there");
+    return QStringLiteral("is unknown (%1), as where polkit does not run, and so is refused")
+            .arg(value);
+}
+
+} // namespace
+
+Findings Check::nmcli(Situation &situation)
+{
+    const QString program = Nmcli::program();
+    if (program.isEmpty())
+        return { Finding::fault(
+                QStringLiteral("it is not in ") + inPath(),
+                QStringLiteral("apt install network-manager; or extend the application's PATH")) };
+    const QString version = QStringLiteral("--version");
+    const Answer answer = Nmcli::ask({ version });
+    if (answer.outcome != Answer::Answered)
+        return { Finding::fault(QStringLiteral("%1: %2").arg(program, answer.message),
+                                QStringLiteral("apt install --reinstall network-manager")) };
+    situation.nmcliVersion = answer.word().section(QLatin1Char(' '), -1);
+    const QString text = QStringLiteral("%1, version %2").arg(program, situation.nmcliVersion);
+    // The library looks a named connection up with this option, which old ones lack.
+    const Answer option =
+            Nmcli::ask({ QStringLiteral("-g"), QStringLiteral("connection.uuid"), version });
+    if (option.outcome != Answer::Answered)
+        return { Finding::fault(QStringLiteral("%1, does not know the option -g that the library "
+                                               "uses: %2")
+                                        .arg(text, option.message),
+                                QStringLiteral("install a newer NetworkManager")) };
+    return { Finding::good(text) };
+}
+
+Findings Check::awk(Situation &situation)
+{
+    const QString program = QStandardPaths::findExecutable(QStringLiteral("awk"));
+    if (!program.isEmpty())
+        return { Finding::good(program) };
+    const QString text = QStringLiteral("it is not in ") + inPath();
+    const QString remedy = QStringLiteral("apt install mawk; or extend the application's PATH");
+    if (situation.readable && !situation.settings.connection.isEmpty())
+        return { Finding::warning(
+                text + QStringLiteral("; it is needed for a connection without a name only"),
+                remedy) };
+    return { Finding::fault(text, remedy) };
+}
+
+Findings Check::manager(Situation &situation)
+{
+    if (situation.nmcliVersion.isEmpty()) {
+        situation.managerTrouble = QStringLiteral("without nmcli NetworkManager cannot be asked");
+        return { Finding::notJudged(situation.managerTrouble) };
+    }
+    const Answer answer =
+            Nmcli::list(QStringLiteral("RUNNING,VERSION"), { QStringLiteral("general") });
+    if (answer.outcome == Answer::Silent) {
+        situation.managerTrouble = QStringLiteral("NetworkManager does not answer");
+        return { unanswered(answer) };
+    }
+    if (answer.outcome != Answer::Answered || answer.word() != QLatin1String("running")) {
+        const bool told = answer.status == Nmcli::NotRunning || answer.message.isEmpty();
+        situation.managerTrouble = told ? QStringLiteral("NetworkManager is not running")
+                                        : QStringLiteral("NetworkManager cannot be asked");
+        return { Finding::fault(told ? situation.managerTrouble
+                                     : situation.managerTrouble + QStringLiteral(": ")
+                                                + answer.message,
+                                QStringLiteral("systemctl enable --now NetworkManager")) };
+    }
+    const QString version = answer.rows.first().value(1);
+    if (version != situation.nmcliVersion)
+        return { Finding::warning(
+                QStringLiteral("NetworkManager runs in version %1, nmcli is of version %2")
+                        .arg(version, situation.nmcliVersion),
+                QStringLiteral("systemctl restart NetworkManager")) };
+    return { Finding::good(QStringLiteral("NetworkManager runs, version %1").arg(version)) };
+}
+
+Findings Check::connection(Situation &situation)
+{
+    const Answer answer = Nmcli::list(QStringLiteral("NAME,UUID,TYPE,DEVICE"),
+                                      { QStringLiteral("connection"), QStringLiteral("show") });
+    if (answer.outcome != Answer::Answered)
+        return { unanswered(answer) };
+    const QVector<Connection> all = connections(answer);
+    return situation.settings.connection.isEmpty() ? activeConnection(&situation, all)
+                                                   : namedConnection(&situation, all);
+}
+
+Findings Check::interface(Situation &situation)
+{
+    if (!situation.connection)
+        return { Finding::notJudged(QStringLiteral("it is not clear which connection is meant")) };
+    const Answer devices = Nmcli::list(QStringLiteral("DEVICE,TYPE,STATE"),
+                                       { QStringLiteral("device"), QStringLiteral("status") });
+    if (devices.outcome != Answer::Answered)
+        return { unanswered(devices) };
+    if (const std::optional<Finding> finding = findInterface(&situation, devices))
+        return { *finding };
+    const QString &interface = situation.interface;
+    QString state;
+    for (const QStringList &device : devices.rows) {
+        if (device.value(0) == interface)
+            state = device.value(2);
+    }
+    if (state.isEmpty())
+        return { Finding::fault(
+                QStringLiteral("there is no interface %1").arg(interface),
+                QStringLiteral("nmcli connection modify %1 connection.interface-name INTERFACE")
+                        .arg(quoted(situation.connection->name))) };
+    if (state == QLatin1String("unmanaged"))
+        return { Finding::fault(
+                QStringLiteral("NetworkManager leaves %1 alone (unmanaged)").arg(interface),
+                QStringLiteral("nmcli device set %1 managed yes").arg(interface)) };
+    if (!hasCarrier(interface))
+        return { Finding::warning(QStringLiteral("%1 has no carrier").arg(interface),
+                                  QStringLiteral("plug the cable in at both ends")) };
+    return { Finding::good(QStringLiteral("%1, %2, with a carrier").arg(interface, state)) };
+}
+
+Findings Check::profile(Situation &situation)
+{
+    if (!situation.connection)
+        return { Finding::notJudged(QStringLiteral("it is not clear which connection is meant")) };
+    const Answer answer = Nmcli::list(QStringLiteral("UUID,FILENAME"),
+                                      { QStringLiteral("connection"), QStringLiteral("show") });
+    if (answer.outcome != Answer::Answered)
+        return { unanswered(answer) };
+    QString fileName;
+    for (const QStringList &row : answer.rows) {
+        if (row.value(0) == situation.connection->uuid)
+            fileName = row.value(1);
+    }
+    const QString folder = storedIn(fileName);
+    if (isReadOnly(folder))
+        return { Finding::fault(
+                QStringLiteral("%1 is on a read-only file system: NetworkManager refuses each "
+                               "change of the addressing")
+                        .arg(folder),
+                QStringLiteral("mount -o remount,rw $(findmnt -n -o TARGET -T %1)").arg(folder)) };
+    if (fileName.isEmpty() || fileName.startsWith(QLatin1String("/run/")))
+        return { Finding::warning(
+                QStringLiteral("the profile is gone after a restart of the device: it is in %1")
+                        .arg(fileName.isEmpty() ? QStringLiteral("memory only") : fileName),
+                QStringLiteral("nmcli connection modify uuid %1 connection.id %2")
+                        .arg(situation.connection->uuid, quoted(situation.connection->name))) };
+    return { Finding::good(fileName) };
+}
+
+Findings Check::permissions(Situation &situation)
+{
+    const QString prefix = QStringLiteral("org.freedesktop.NetworkManager.");
+    const bool own = situation.connection
+            && property(*situation.connection, QStringLiteral("connection.permissions"))
+                    == QStringLiteral("user:") + user();
+    const QStringList needed = { prefix
+                                         + (own ? QStringLiteral("settings.modify.own")
+                                                : QStringLiteral("settings.modify.system")),
+                                 prefix + QStringLiteral("network-control") };
+    const Answer answer = Nmcli::list(QStringLiteral("PERMISSION,VALUE"),
+                                      { QStringLiteral("general"), QStringLiteral("permissions") });
+    if (answer.outcome != Answer::Answered)
+        return { unanswered(answer) };
+    Findings found;
+    for (const QString &permission : needed) {
+        QString value;
+        for (const QStringList &row : answer.rows) {
+            if (row.value(0) == permission)
+                value = row.value(1);
+        }
+        if (value.isEmpty())
+            found.append(Finding::notJudged(
+                    QStringLiteral("NetworkManager tells nothing of %1").arg(permission)));
+        else if (value != QLatin1String("yes"))
+            found.append(Finding::fault(QStringLiteral("for the user %1 %2 %3")
+                                                .arg(user(), permission, meaningOf(value)),
+                                        polkitRule(needed)));
+    }
+    if (found.isEmpty())
+        found.append(Finding::good(
+                QStringLiteral("the user %1 may change and activate connections").arg(user())));
+    return found;
+}
