@@ -248,14 +248,14 @@ int conclude(Output *out, const Target &target, Outcome verdict, int attempts,
              const QString &reason)
 {
     static const char *const texts[] = { "%1 accepts", "%1 refuses: nothing accepts on that port",
-                                         "%1 gives no answer", "%1 was not tried: %2" };
+                                         "%1 gives no answer" };
     static const Output::Style styles[] = { Output::Good, Output::Fault, Output::Fault,
                                             Output::Warning };
     const bool resolved = target.address.sin_family == AF_INET;
     QString name = target.text();
     if (resolved && target.ip() != target.host)
         name += QStringLiteral(" (%1)").arg(target.ip());
-    out->line(verdict == NotTried ? QStringLiteral("%1 was not tried: %2").arg(name, reason)
+    out->line(verdict == NotTried ? QStringLiteral("not tried: ") + reason
                                   : QString(QLatin1String(texts[verdict])).arg(name),
               styles[verdict]);
     out->object({ { QStringLiteral("type"), QStringLiteral("probe") },
@@ -280,7 +280,9 @@ int probe(Output *out, const Target &target, int attempts, int interval)
         show(out, ++number, attempt);
         if (attempt.outcome <= verdict) {
             verdict = attempt.outcome;
-            reason = verdict == Accepted ? QString() : errorText(attempt.error);
+            reason = verdict == Accepted
+                    ? QString()
+                    : QStringLiteral("%1: %2").arg(target.text(), errorText(attempt.error));
         }
         // Each attempt has its whole interval, as the library's have.
         const qint64 left = interval - clock.elapsed();

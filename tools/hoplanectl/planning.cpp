@@ -1,0 +1,345 @@
+// SPDX-License-Identifier: MIT
+#include "planning.h"
+
+#include "describe.h"
+
+#include <QFileInfo>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QSysInfo>
+#include <QTextCodec>
+
+#include <networkswitchworker.h>
+
+#include <algorithm>
+#include <optional>
+
+namespace Planning {
+
+namespace {
+
+using Rehearsal::Step;
+
+// How long the tool itself waits for nmcli.
+constexpr int patienceMs = 5 * 1000;
+
+// What means something to the shell that runs the library's commands, blanks aside.
+const QLatin1String shellCharacters("'\"`$\\;|&<>()*?[]{}~#!");
+
+// The look-up.
+
+// With these arguments nmcli prints what it prints for the library's look-up.
+QStringList lookUpArguments(const QString &connection)
+{
+    if (connection.isEmpty())
+        return { QStringLiteral("-f"), QStringLiteral("uuid"), QStringLiteral("connection"),
+                 QStringLiteral("show"), QStringLiteral("-active") };
+    return { QStringLiteral("-g"), QStringLiteral("connection.uuid"), QStringLiteral("c"),
+             QStringLiteral("s"), connection };
+}
+
+// Without a shell, which the library has.
+void startNmcli(QProcess *nmcli, const QString &connection)
+{
+    nmcli->setStandardInputFile(QProcess::nullDevice());
+    // The library's commands are UTF-8 in any locale.
+    QTextCodec *const codec = QTextCodec::codecForLocale();
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+    nmcli->start(QStringLiteral("nmcli"), lookUpArguments(connection));
+    QTextCodec::setCodecForLocale(codec);
+}
+
+// What nmcli prints, or nothing if it cannot tell.
+std::optional<QByteArray> askNmcli(const QString &connection, QString *whyNot)
+{
+    QProcess nmcli;
+    startNmcli(&nmcli, connection);
+    if (!nmcli.waitForFinished(patienceMs)) {
+        *whyNot = nmcli.error() == QProcess::FailedToStart
+                ? QStringLiteral("nmcli cannot be run")
+                : QStringLiteral("nmcli does not answer within %1 s").arg(patienceMs / 1000);
+        nmcli.kill();
+        nmcli.waitForFinished();
+        return std::nullopt;
+    }
+    const QByteArray output = nmcli.readAllStandardOutput();
+    constexpr int noSuchConnection = 10;
+    const bool answered = nmcli.exitStatus() == QProcess::NormalExit
+            && (nmcli.exitCode() == 0 || nmcli.exitCode() == noSuchConnection);
+    if (answered || !output.isEmpty())
+        return output;
+    const QByteArray error = nmcli.readAllStandardError();
+    *whyNot = QStringLiteral("nmcli fails: %1").arg(QString::fromLocal8Bit(error).simplified());
+    return std::nullopt;
+}
+
+// What the library's pipeline leaves of nmcli's table: the first word of each line but the heading.
+QByteArray withoutHeading(const QByteArray &table)
+{
+    QByteArray words;
+    for (const QByteArray &line : table.split('\n').mid(1)) {
+        const QByteArray text = line.simplified();
+        words += text.left(text.indexOf(' ')) + '\n';
+    }
+    return words;
+}
+
+QByteArray placeholder(const QString &connection)
+{
+    // Without the word UUID, which the library takes out of what it finds here.
+    if (connection.isEmpty())
+        return QByteArrayLiteral("ID-OF-THE-ACTIVE-CONNECTION\n");
+    static const QRegularExpression others(QStringLiteral("[^A-Za-z0-9_.]+"));
+    return "UUID-OF-" + QString(connection).replace(others, QStringLiteral("-")).toLatin1() + '\n';
+}
+
+// Makes the library's look-up, and lets the library find in the rehearsal what it would find.
+LookUp lookUp(const QString &connection)
+{
+    QString uuid;
+    const auto find = [&](NetworkSwitchWorker &worker) {
+        QString name = connection;
+        uuid = worker.getNetWorkUuid(name);
+    };
+    const QVector<Step> steps = Rehearsal::play(find).steps;
+    if (steps.isEmpty())
+        return {};
+    LookUp found{ steps.first().command, QString(), QString() };
+    std::optional<QByteArray> output;
+    if (connection.contains(QLatin1Char('\'')))
+        found.placeholderFor = QStringLiteral("the connection's name ends the shell's quotes");
+    else
+        output = askNmcli(connection, &found.placeholderFor);
+    if (output && connection.isEmpty())
+        output = withoutHeading(*output);
+    Rehearsal::setAnswer(found.command, output.value_or(placeholder(connection)));
+    Rehearsal::play(find);
+    found.uuid = uuid;
+    return found;
+}
+
+QStringList lookUpWarnings(const LookUp &found, const QString &connection)
+{
+    if (found.command.isEmpty())
+        return { QStringLiteral("the connection's name makes the look-up longer than the library's "
+                                "commands may be; it is not run, and nothing is changed") };
+    if (!found.placeholderFor.isEmpty())
+        return { QStringLiteral("%1 is a placeholder for the UUID: %2")
+                         .arg(found.uuid, found.placeholderFor) };
+    if (found.uuid.isEmpty())
+        return { connection.isEmpty()
+                         ? QStringLiteral("no connection is active: the library changes nothing")
+                         : QStringLiteral("there is no connection %1: the library changes nothing")
+                                   .arg(connection) };
+    if (found.uuid.contains(QLatin1Char(' ')))
+        return { QStringLiteral("the look-up finds several UUIDs; nmcli will refuse the commands "
+                                "that have them all") };
+    return {};
+}
+
+// What the shell makes of the values.
+
+// The text's first character that is one of these, or a control character; nothing without one.
+QString firstOf(const QString &text, const QString &characters)
+{
+    for (const QChar character : text) {
+        if (character.category() == QChar::Other_Control)
+            return QStringLiteral("a control character");
+        if (characters.contains(character))
+            return character.isSpace() ? QStringLiteral("a blank") : QString(character);
+    }
+    return QString();
+}
+
+QStringList shellWarnings(const QStringList &values, const QString &characters)
+{
+    QStringList warnings;
+    for (const QString &value : values) {
+        const QString found = firstOf(value, characters);
+        if (!found.isEmpty())
+            warnings += QStringLiteral("\"%1\" contains %2: the shell that runs the commands may "
+                                       "make something else of it")
+                                .arg(value, found);
+    }
+    return warnings;
+}
+
+// The passes.
+
+QStringList turnWarnings(const Turn &turn, const NetworkSettings &network)
+{
+    QStringList warnings;
+    if (network.isStatic)
+        warnings = shellWarnings({ network.ip, network.gateway, network.dns1, network.dns2 },
+                                 QLatin1Char(' ') + shellCharacters);
+    if (turn.skipped)
+        return warnings;
+    const QString server = Describe::server(network);
+    if (turn.attempts() == 0)
+        return warnings
+                << QStringLiteral("server %1 is never tried: its port is no number").arg(server);
+    if (!turn.names.isEmpty())
+        return warnings << QStringLiteral("server %1 is no IPv4 address: each attempt also waits "
+                                          "until the name \"%2\" is resolved, or is not")
+                                   .arg(server, turn.names.join(QStringLiteral("\", \"")));
+    const QString asWritten = network.serverIp + QLatin1Char(':') + network.serverPort;
+    for (const QString &target : turn.targets) {
+        if (target != asWritten)
+            warnings << QStringLiteral("server %1 is taken for %2").arg(server, target);
+    }
+    return warnings;
+}
+
+Turn playTurn(const Plan &plan, int network, bool (NetworkSwitchWorker::*connectServer)())
+{
+    Turn turn{ network, false, QString(), {}, {}, {}, {} };
+    const Rehearsal::Account account = Rehearsal::play([&](NetworkSwitchWorker &worker) {
+        turn.deviceAddress = worker.getIPAddress();
+        (worker.*connectServer)();
+    });
+    turn.skipped = account.steps.isEmpty()
+            && !account.log.filter(QStringLiteral("it is the same net ip adddr")).isEmpty();
+    turn.steps = account.steps;
+    turn.targets = account.targets;
+    turn.names = account.names;
+    turn.warnings = turnWarnings(turn, plan.settings.networks[network]);
+    const bool tooLong = !account.log.filter(QStringLiteral("\"popen nmcli ")).isEmpty();
+    if (tooLong && !plan.lookUp.command.isEmpty())
+        turn.warnings += QStringLiteral("a value makes a command longer than the library's may be; "
+                                        "it is not run");
+    return turn;
+}
+
+// Both networks in the order of their tries. Afterwards the device is where that takes it.
+Pass playPass(const Plan &plan, Pass::When when)
+{
+    const int first = plan.exchanged ? 1 : 0;
+    Pass pass{ when, {} };
+    for (int network : { first, 1 - first }) {
+        pass.turns += playTurn(plan, network,
+                               network == first ? &NetworkSwitchWorker::doConnetFirstServer
+                                                : &NetworkSwitchWorker::doConnetSecondServer);
+        const NetworkSettings &settings = plan.settings.networks[network];
+        const bool isApplied = !pass.turns.last().skipped && !plan.lookUp.uuid.isEmpty();
+        if (isApplied && settings.isStatic)
+            Rehearsal::setDeviceAddress(settings.ip);
+    }
+    return pass;
+}
+
+bool isSame(const Pass &one, const Pass &other)
+{
+    return std::equal(one.turns.begin(), one.turns.end(), other.turns.begin(), other.turns.end(),
+                      [](const Turn &left, const Turn &right) {
+                          return left.skipped == right.skipped
+                                  && left.steps.size() == right.steps.size();
+                      });
+}
+
+bool isIdle(const Pass &pass)
+{
+    return std::all_of(pass.turns.begin(), pass.turns.end(),
+                       [](const Turn &turn) { return turn.skipped; });
+}
+
+void playPasses(Plan *plan)
+{
+    const Pass first = playPass(*plan, Pass::First);
+    // From the second one on nothing changes any more.
+    const Pass later = playPass(*plan, Pass::Later);
+    plan->passes = { first, later };
+    if (isSame(first, later)) {
+        plan->passes = { first };
+        plan->passes.first().when = Pass::Each;
+    }
+    const QString limit = QString::number(limitMs / 1000);
+    if (isIdle(first))
+        plan->warnings += QStringLiteral("as the device is now, a search tries nothing and fails "
+                                         "after its %1 s")
+                                  .arg(limit);
+    else if (isIdle(later))
+        plan->warnings += QStringLiteral("from the second pass on a search tries nothing, and "
+                                         "fails after its %1 s")
+                                  .arg(limit);
+    if (isIdle(first) && first.turns.first().deviceAddress.isEmpty()) {
+        // No address contains this.
+        Rehearsal::setDeviceAddress(QStringLiteral("elsewhere"));
+        plan->passes += playPass(*plan, Pass::OnceAddressed);
+    }
+}
+
+// Whether the library tries the static second network before the automatic first one.
+bool isExchanged(const Settings &settings)
+{
+    if (settings.networks[0].isStatic || !settings.networks[1].isStatic)
+        return false;
+    const QStringList log =
+            Rehearsal::play([](NetworkSwitchWorker &worker) { worker.setFirstStaticIpAddr(); }).log;
+    return std::any_of(log.begin(), log.end(), [](const QString &line) {
+        return line.startsWith(QLatin1String("[ setStaticIpAddr ]"));
+    });
+}
+
+void add(Effort *effort, const Step &step, Purpose purpose, bool isAutomatic)
+{
+    if (step.kind == Step::Attempt) {
+        effort->attemptsMs += step.milliseconds;
+        return;
+    }
+    effort->lookUps += int(purpose == Purpose::LookUp);
+    effort->changes += int(purpose == Purpose::Change);
+    effort->activations += int(purpose == Purpose::Activation);
+    effort->automaticActivations += int(purpose == Purpose::Activation && isAutomatic);
+}
+
+} // namespace
+
+int Turn::attempts() const
+{
+    return int(std::count_if(steps.begin(), steps.end(),
+                             [](const Step &step) { return step.kind == Step::Attempt; }));
+}
+
+Purpose Plan::purposeOf(const Step &step) const
+{
+    if (step.command == lookUp.command)
+        return Purpose::LookUp;
+    return step.command.section(QLatin1Char(' '), 2, 2) == QLatin1String("up") ? Purpose::Activation
+                                                                               : Purpose::Change;
+}
+
+Plan make(const QString &path)
+{
+    Plan plan{ Settings::read(path), {}, QSysInfo::currentCpuArchitecture(), false, {}, {}, {} };
+    if (!QFileInfo(path).isReadable())
+        plan.idleBecause = QStringLiteral("%1 cannot be read").arg(path);
+    else if (!plan.settings.enabled)
+        plan.idleBecause = QStringLiteral("switching is off");
+    const QString &connection = plan.settings.connection;
+    plan.lookUp = lookUp(connection);
+    plan.warnings = lookUpWarnings(plan.lookUp, connection)
+            // Between the quotes only their end matters.
+            + shellWarnings({ connection }, QStringLiteral("'"))
+            + shellWarnings({ plan.lookUp.uuid }, shellCharacters);
+    plan.exchanged = isExchanged(plan.settings);
+    playPasses(&plan);
+    return plan;
+}
+
+Effort effortOf(const Plan &plan)
+{
+    Effort most;
+    for (const Pass &pass : plan.passes) {
+        Effort effort;
+        for (const Turn &turn : pass.turns) {
+            for (const Step &step : turn.steps)
+                add(&effort, step, plan.purposeOf(step),
+                    !plan.settings.networks[turn.network].isStatic);
+        }
+        if (effort.passMs() > most.passMs())
+            most = effort;
+    }
+    return most;
+}
+
+} // namespace Planning
