@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "logline.h"
+#include "narrator.h"
+
+#include <QByteArray>
+#include <QHash>
+
+#include <functional>
+
+// Takes off what stands before the library's lines in a file or a journal, and puts together the
+// lines that a command's output with line breaks was logged as.
+class LogReader
+{
+public:
+    using OnEntry = std::function<void(const LogEntry &, const LogLine &)>;
+
+    explicit LogReader(OnEntry onEntry);
+
+    // With or without the end of the line.
+    void addLine(QByteArray line);
+    // There are no more.
+    void finish();
+
+private:
+    struct Entry : LogEntry
+    {
+        enum Form { Bare, Stamped, Syslog, Json };
+        Form form = Bare;
+    };
+
+    Entry takeApart(const QString &line);
+    bool takeObject(const QByteArray &line, Entry *entry) const;
+    bool takePrefix(const QString &line, Entry *entry);
+    Moment moment(const QRegularExpressionMatch &match);
+    double secondsOf(const QRegularExpressionMatch &match);
+    void take(const Entry &entry);
+    bool goesOn(const Entry &open, const Entry &entry, const LogLine &line) const;
+    void close(const QString &process);
+
+    OnEntry m_onEntry;
+    QHash<QString, Entry> m_open; // by process: what the next lines may belong to
+    Entry m_latest;
+    double m_latestSeconds = 0; // of a clock without a year, or without a day
+    double m_added = 0; // the years or days that have passed meanwhile
+};
