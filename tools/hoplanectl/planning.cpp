@@ -2,9 +2,9 @@
 #include "planning.h"
 
 #include "describe.h"
+#include "nmcli.h"
 
 #include <QFileInfo>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QSysInfo>
 #include <QTextCodec>
@@ -20,11 +20,52 @@ namespace {
 
 using Rehearsal::Step;
 
-// How long the tool itself waits for nmcli.
-constexpr int patienceMs = 5 * 1000;
-
 // What means something to the shell that runs the library's commands, blanks aside.
 const QLatin1String shellCharacters("'\"`$\\;|&<>()*?[]{}~#!");
+
+// What the shell makes of the values.
+
+// What ends a word of the shell.
+QString wordEnds()
+{
+    constexpr char16_t lastControl = 0x1F;
+    QString ends(QLatin1Char(' '));
+    for (char16_t control = 0; control <= lastControl; ++control)
+        ends += QChar(control);
+    return ends;
+}
+
+// What ends a name between the library's quotes: one of them, and the end of the command itself.
+QString nameEnds()
+{
+    return QLatin1Char('\'') + QString(QChar(QChar::Null));
+}
+
+// The first of the characters that the text contains; nothing without any.
+QString firstOf(const QString &text, const QString &characters)
+{
+    const auto *const found = std::find_if(text.begin(), text.end(), [&](QChar character) {
+        return characters.contains(character);
+    });
+    if (found == text.end())
+        return QString();
+    if (*found == QLatin1Char(' '))
+        return QStringLiteral("a blank");
+    return found->isPrint() ? QString(*found) : QStringLiteral("a control character");
+}
+
+QStringList shellWarnings(const QStringList &values, const QString &characters)
+{
+    QStringList warnings;
+    for (const QString &value : values) {
+        const QString found = firstOf(value, characters);
+        if (!found.isEmpty())
+            warnings += QStringLiteral("\"%1\" contains %2: the shell that runs the commands may "
+                                       "make something else of it")
+                                .arg(value, found);
+    }
+    return warnings;
+}
 
 // The look-up.
 
@@ -38,50 +79,37 @@ QStringList lookUpArguments(const QString &connection)
              QStringLiteral("s"), connection };
 }
 
-// Without a shell, which the library has.
-void startNmcli(QProcess *nmcli, const QString &connection)
+Nmcli::Answer askNmcli(const QString &connection)
 {
-    nmcli->setStandardInputFile(QProcess::nullDevice());
     // The library's commands are UTF-8 in any locale.
     QTextCodec *const codec = QTextCodec::codecForLocale();
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
-    nmcli->start(QStringLiteral("nmcli"), lookUpArguments(connection));
+    Nmcli::Answer answer = Nmcli::ask(lookUpArguments(connection));
     QTextCodec::setCodecForLocale(codec);
+    return answer;
 }
 
-// What nmcli prints, or nothing if it cannot tell.
-std::optional<QByteArray> askNmcli(const QString &connection, QString *whyNot)
+// What the look-up prints, or nothing if nmcli cannot tell.
+std::optional<QByteArray> lookUpOutput(const QString &connection, QString *whyNot)
 {
-    QProcess nmcli;
-    startNmcli(&nmcli, connection);
-    if (!nmcli.waitForFinished(patienceMs)) {
-        *whyNot = nmcli.error() == QProcess::FailedToStart
+    const Nmcli::Answer answer = askNmcli(connection);
+    if (answer.outcome == Nmcli::Answer::Refused && answer.status == Nmcli::NotFound)
+        return QByteArray();
+    if (answer.outcome != Nmcli::Answer::Answered) {
+        *whyNot = answer.outcome == Nmcli::Answer::NotStarted
                 ? QStringLiteral("nmcli cannot be run")
-                : QStringLiteral("nmcli does not answer within %1 s").arg(patienceMs / 1000);
-        nmcli.kill();
-        nmcli.waitForFinished();
+                : answer.message;
         return std::nullopt;
     }
-    const QByteArray output = nmcli.readAllStandardOutput();
-    constexpr int noSuchConnection = 10;
-    const bool answered = nmcli.exitStatus() == QProcess::NormalExit
-            && (nmcli.exitCode() == 0 || nmcli.exitCode() == noSuchConnection);
-    if (answered || !output.isEmpty())
-        return output;
-    const QByteArray error = nmcli.readAllStandardError();
-    *whyNot = QStringLiteral("nmcli fails: %1").arg(QString::fromLocal8Bit(error).simplified());
-    return std::nullopt;
-}
-
-// What the library's pipeline leaves of nmcli's table: the first word of each line but the heading.
-QByteArray withoutHeading(const QByteArray &table)
-{
-    QByteArray words;
-    for (const QByteArray &line : table.split('\n').mid(1)) {
-        const QByteArray text = line.simplified();
-        words += text.left(text.indexOf(' ')) + '\n';
+    QByteArray output;
+    // Of the table of the active ones, the library's pipeline leaves each line's first word, and
+    // nothing of the heading.
+    for (const QStringList &row : answer.rows.mid(connection.isEmpty() ? 1 : 0)) {
+        const QString line = row.join(QLatin1Char(':'));
+        const QString word = line.simplified().section(QLatin1Char(' '), 0, 0);
+        output += (connection.isEmpty() ? word : line).toUtf8() + '\n';
     }
-    return words;
+    return output;
 }
 
 QByteArray placeholder(const QString &connection)
@@ -106,12 +134,10 @@ LookUp lookUp(const QString &connection)
         return {};
     LookUp found{ steps.first().command, QString(), QString() };
     std::optional<QByteArray> output;
-    if (connection.contains(QLatin1Char('\'')))
+    if (!firstOf(connection, nameEnds()).isEmpty())
         found.placeholderFor = QStringLiteral("the connection's name ends the shell's quotes");
     else
-        output = askNmcli(connection, &found.placeholderFor);
-    if (output && connection.isEmpty())
-        output = withoutHeading(*output);
+        output = lookUpOutput(connection, &found.placeholderFor);
     Rehearsal::setAnswer(found.command, output.value_or(placeholder(connection)));
     Rehearsal::play(find);
     found.uuid = uuid;
@@ -137,33 +163,6 @@ QStringList lookUpWarnings(const LookUp &found, const QString &connection)
     return {};
 }
 
-// What the shell makes of the values.
-
-// The text's first character that is one of these, or a control character; nothing without one.
-QString firstOf(const QString &text, const QString &characters)
-{
-    for (const QChar character : text) {
-        if (character.category() == QChar::Other_Control)
-            return QStringLiteral("a control character");
-        if (characters.contains(character))
-            return character.isSpace() ? QStringLiteral("a blank") : QString(character);
-    }
-    return QString();
-}
-
-QStringList shellWarnings(const QStringList &values, const QString &characters)
-{
-    QStringList warnings;
-    for (const QString &value : values) {
-        const QString found = firstOf(value, characters);
-        if (!found.isEmpty())
-            warnings += QStringLiteral("\"%1\" contains %2: the shell that runs the commands may "
-                                       "make something else of it")
-                                .arg(value, found);
-    }
-    return warnings;
-}
-
 // The passes.
 
 QStringList turnWarnings(const Turn &turn, const NetworkSettings &network)
@@ -171,7 +170,7 @@ QStringList turnWarnings(const Turn &turn, const NetworkSettings &network)
     QStringList warnings;
     if (network.isStatic)
         warnings = shellWarnings({ network.ip, network.gateway, network.dns1, network.dns2 },
-                                 QLatin1Char(' ') + shellCharacters);
+                                 wordEnds() + shellCharacters);
     if (turn.skipped)
         return warnings;
     const QString server = Describe::server(network);
@@ -318,8 +317,7 @@ Plan make(const QString &path)
     const QString &connection = plan.settings.connection;
     plan.lookUp = lookUp(connection);
     plan.warnings = lookUpWarnings(plan.lookUp, connection)
-            // Between the quotes only their end matters.
-            + shellWarnings({ connection }, QStringLiteral("'"))
+            + shellWarnings({ connection }, nameEnds())
             + shellWarnings({ plan.lookUp.uuid }, shellCharacters);
     plan.exchanged = isExchanged(plan.settings);
     playPasses(&plan);
