@@ -64,6 +64,7 @@ private:
     std::map<QString, std::unique_ptr<Narrator>> m_narrators; // by process
     std::map<QString, QString> m_latest; // process, by program
     QString m_shown; // the process whose steps are told now
+    std::map<QString, int> m_passes; // the latest that was told, by process
     bool m_noted = false;
     int m_lines = 0;
     int m_understood = 0;
@@ -132,7 +133,7 @@ void Account::head(const QString &process)
     if (process == m_shown)
         return;
     m_shown = process;
-    m_out->line(QStringLiteral("\nProcess %1").arg(process), Output::Bold);
+    m_out->line(QStringLiteral("\nProcess %1").arg(Narrator::printable(process)), Output::Bold);
 }
 
 // Once, at the first search that it matters for.
@@ -157,6 +158,7 @@ void Account::tell(const QString &process, const Step &step)
     head(process);
     if (step.kind == Step::Begin) {
         noteMissingTimes(step.when);
+        m_passes[process] = 1;
         m_out->line(QStringLiteral("\n%1%2: %3")
                             .arg(step.searchKind == SearchAccount::Search
                                          ? QStringLiteral("Search %1").arg(step.search)
@@ -167,6 +169,10 @@ void Account::tell(const QString &process, const Step &step)
                     step.style);
         return;
     }
+    int &pass = m_passes[process];
+    if (step.pass > qMax(pass, 1))
+        m_out->line(QStringLiteral("  pass %1").arg(step.pass), Output::Dim);
+    pass = qMax(step.pass, pass);
     m_out->line(margin(step) + m_out->styled(step.text, step.style) + duration(step));
 }
 
@@ -176,10 +182,11 @@ void Account::tellEnd(const QString &process, const SearchAccount &search)
     tag(process, search.object());
     head(process);
     const bool reached = search.outcome == SearchAccount::Reached;
-    m_out->line(QStringLiteral("  ") + search.text(), reached ? Output::Good : Output::Fault);
+    m_out->line(QStringLiteral("  ") + Narrator::printable(search.text()),
+                reached ? Output::Good : Output::Fault);
     if (search.outcome == SearchAccount::Failed) {
         for (const QString &reason : search.reasons())
-            m_out->line(QStringLiteral("    ") + reason);
+            m_out->line(QStringLiteral("    ") + Narrator::printable(reason));
     }
 }
 

@@ -37,6 +37,8 @@ QJsonObject Step::object() const
     if (search > 0)
         object[searchKind == SearchAccount::Search ? QStringLiteral("search")
                                                    : QStringLiteral("reopening")] = search;
+    if (pass > 0)
+        object[QStringLiteral("pass")] = pass;
     if (elapsed)
         object[QStringLiteral("elapsed")] = *elapsed;
     if (duration)
@@ -63,8 +65,9 @@ void Narrator::feed(const LogEntry &entry, const LogLine &line)
         m_last = entry.when;
 }
 
-void Narrator::finish(const QString &why)
+void Narrator::finish(const QString &why, const std::optional<Moment> &when)
 {
+    m_now.when = when.value_or(m_now.when);
     tellHeldLookup();
     if (m_configured)
         ignoreConfiguration();
@@ -105,6 +108,15 @@ QString Narrator::activity() const
         return QStringLiteral("ending");
     }
     return QStringLiteral("waiting");
+}
+
+QString Narrator::printable(QString text)
+{
+    for (QChar &character : text) {
+        if (character.category() == QChar::Other_Control)
+            character = QChar::ReplacementCharacter;
+    }
+    return text;
 }
 
 // What the configuration is read for, where one thing only is possible.
@@ -308,6 +320,7 @@ void Narrator::end(const Moment &when)
     m_turn = Turn();
     m_phase = Resting;
     m_onEnd(account);
+    tellWaiting();
 }
 
 int Narrator::nextNetwork() const
@@ -386,14 +399,19 @@ Step Narrator::ofNetwork(Step::Kind kind, const QString &text, Output::Style sty
 
 void Narrator::tell(const Step &step)
 {
-    if (m_configured) {
+    // What happens between a re-opening and the proof that it was none is outside of it.
+    const bool isOver =
+            m_account && m_account->presumed && m_account->outcome != SearchAccount::Open;
+    if (m_configured || (isOver && step.kind != Step::Reached)) {
         m_waiting.append(step);
         return;
     }
     Step told = step;
+    told.text = printable(told.text);
     if (m_account) {
         told.search = m_account->number;
         told.searchKind = m_account->kind;
+        told.pass = m_account->partial ? 0 : m_account->passes;
         told.elapsed = between(m_account->begin, told.when);
     }
     m_onStep(told);

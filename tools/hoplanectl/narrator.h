@@ -64,6 +64,7 @@ struct Step
     bool detail = false; // of interest only to whoever wants everything
     int search = 0; // the number of the search, or of the re-opening; 0 outside
     SearchAccount::Kind searchKind = SearchAccount::Search;
+    int pass = 0; // of a search, over both networks
     Moment when;
     std::optional<double> elapsed; // since the search's beginning
     std::optional<double> duration;
@@ -83,8 +84,9 @@ public:
 
     void feed(const LogEntry &entry) { feed(entry, LogLine::parse(entry.text)); }
     void feed(const LogEntry &entry, const LogLine &line);
-    // There is nothing more to come; `why` of a search that has not ended.
-    void finish(const QString &why);
+    // There is nothing more to come after the last line, or after `when`; `why` of a search that has
+    // not ended.
+    void finish(const QString &why, const std::optional<Moment> &when = std::nullopt);
 
     // For whoever reads along with a process that runs: what leads the library to do something is
     // all announced, by link notifications, events of the LAN switch and this: start() is emitted.
@@ -93,10 +95,15 @@ public:
     // Whether the configuration that is read next has switching enabled.
     void setEnabled(bool enabled) { m_enabled = enabled; }
 
-    bool isSearching() const { return m_account.has_value(); }
-    int pass() const { return m_account ? m_account->passes : 0; }
+    // The search or re-opening that is under way; null if there is none.
+    const SearchAccount *current() const { return m_account ? &*m_account : nullptr; }
+    // Whether one that was announced has not begun yet.
+    bool awaitsSearch() const { return m_starts > 0; }
     // What the library is doing now.
     QString activity() const;
+
+    // Without characters that a terminal might obey.
+    static QString printable(QString text);
 
 private:
     enum Phase { Resting, LookingUp, Setting, Activating, Probing, Reactivating, Ending };

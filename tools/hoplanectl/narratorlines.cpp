@@ -94,12 +94,15 @@ const QHash<int, Narrator::Handler> &Narrator::handlers()
 
 void Narrator::newFacade(const LogLine &)
 {
-    rest(QStringLiteral("the application was started anew"));
-    m_last = Moment();
-    m_starts = m_linksDown = 0;
-    m_switchStates.clear();
-    m_servers[0] = m_servers[1] = QString();
-    m_messages.clear();
+    // A process that is read along with has just begun, and what is announced came before this.
+    if (!m_alongside) {
+        rest(QStringLiteral("the application was started anew"));
+        m_last = Moment();
+        m_linksDown = 0;
+        m_switchStates.clear();
+        m_servers[0] = m_servers[1] = QString();
+        m_messages.clear();
+    }
     tell(step(Step::Started, QStringLiteral("the application takes the library into use")));
 }
 

@@ -40,7 +40,9 @@ QString inWords(double seconds, bool whole)
 {
     if (whole && seconds < 1)
         return QStringLiteral("under 1 s");
-    return QStringLiteral("%1 s").arg(seconds, 0, 'f', whole ? 0 : 1);
+    if (whole)
+        return QStringLiteral("about %1 s").arg(seconds, 0, 'f', 0);
+    return QStringLiteral("%1 s").arg(seconds, 0, 'f', 1);
 }
 
 QString spent(double seconds, bool whole)
@@ -114,8 +116,8 @@ QString SearchAccount::text() const
                      after, kind == Search ? pass : QString());
     case Failed:
         if (kind == Reopening)
-            return QStringLiteral("not reached%1; the application is told nothing of it")
-                    .arg(after);
+            return QStringLiteral("%1 not reached%2; the application is told nothing of it")
+                    .arg(networks[state == 0 ? 0 : 1].server, after);
         return QStringLiteral("failed%1: no server reached in %2")
                 .arg(after, counted(passes, QStringLiteral("pass"), QStringLiteral("passes")));
     case Open:

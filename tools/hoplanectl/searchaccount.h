@@ -70,6 +70,6 @@ struct SearchAccount
     std::optional<double> duration() const { return between(begin, end); }
 
     QString text() const; // how it ended, in one line
-    QStringList reasons() const; // why it failed, a line a network
+    QStringList reasons() const; // a line a network: why its server was not reached
     QJsonObject object() const;
 };

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "narrator.h"
+
+#include <QByteArray>
+#include <QMutex>
+#include <QObject>
+#include <QString>
+#include <QVector>
+#include <QWaitCondition>
+
+#include <cstdio>
+#include <functional>
+
+class QSocketNotifier;
+
+// Reads along with the library where it works in this process: its log, what it prints, and what
+// its commands say on standard error. One a process.
+class Live
+{
+public:
+    using OnEntry = std::function<void(const LogEntry &, const LogLine &)>;
+    using OnSignal = std::function<void(int)>;
+
+    // Both are called in the main thread, by its event loop. `onSignal`: SIGINT or SIGTERM came.
+    Live(OnEntry onEntry, OnSignal onSignal);
+
+    // From here on standard output and standard error are the library's and its commands', and
+    // `out` writes to where standard output led before. False, with a message, if that failed.
+    bool start(Output *out);
+
+    // Where the results go.
+    FILE *results() const { return m_results; }
+    // "hoplanectl: TEXT" to where standard error led before.
+    void message(const QString &text) const;
+    static Moment now();
+
+    // Ends the process, whose other threads never end, without the destructors that would wait for
+    // them.
+    [[noreturn]] static void leave(Output *out, int status);
+
+private:
+    struct Logged
+    {
+        QString text;
+        Moment when;
+    };
+    struct Stream
+    {
+        int end = -1; // that is read
+        QByteArray rest; // of a line that has not ended
+        bool isError = false;
+    };
+
+    static void log(QtMsgType type, const QMessageLogContext &context, const QString &text);
+    static void catchSignal(int number);
+    void queue(const Logged &logged);
+    void handleAll();
+    void handle(const Logged &logged);
+    bool replace(int descriptor, Stream *stream);
+    void read(Stream *stream);
+    void takePrinted(const QString &line, bool isError);
+    void listen(int descriptor, const std::function<void()> &callback);
+    bool catchSignals();
+    [[noreturn]] void abandon(const QString &text) const;
+
+    OnEntry m_onEntry;
+    OnSignal m_onSignal;
+    FILE *m_results = nullptr;
+    int m_errors = -1;
+    Stream m_printed;
+    Stream m_said;
+    QObject m_receiver; // of what other threads want done in the main thread
+    QMutex m_mutex;
+    QWaitCondition m_room;
+    QVector<Logged> m_queue;
+    bool m_handling = false;
+};
