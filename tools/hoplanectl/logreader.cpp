@@ -59,7 +59,7 @@ const QVector<Form> &forms()
              QLatin1String("\\[?") + datePattern + QLatin1String("[T ]") + clockPattern
                      + zonePattern + QLatin1Char(')') + messagePattern),
         form(false, QLatin1String("\\[?") + clockPattern + QLatin1Char(')') + messagePattern),
-        form(false, QLatin1String("\\[ *(?<numberPattern>\\d+(?:\\.\\d+)?)\\])") + messagePattern),
+        form(false, QLatin1String("\\[ *(?<number>\\d+(?:\\.\\d+)?)\\])") + messagePattern),
         form(false,
              QLatin1String(" *") + numberPattern + QLatin1String(")(?= +\\[ \\w+ \\])")
                      + messagePattern),

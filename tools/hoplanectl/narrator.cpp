@@ -55,7 +55,7 @@ Narrator::Narrator(OnStep onStep, OnEnd onEnd)
 void Narrator::feed(const LogEntry &entry, const LogLine &line)
 {
     m_now = entry;
-    const Handler handler = handlers().value(line.kind);
+    const Handler handler = handlers.value(line.kind);
     if (handler)
         (this->*handler)(line);
     // These stand before the line with which what they belong to ends.
@@ -239,6 +239,9 @@ void Narrator::takeBackPresumption()
 void Narrator::startTurn()
 {
     work(false);
+    // A re-opening has one turn only.
+    if (isProbeOpen() && m_account->presumed)
+        takeBackPresumption();
     if (isProbeOpen())
         closeProbe();
     if (!m_account)

@@ -84,8 +84,8 @@ public:
 
     void feed(const LogEntry &entry) { feed(entry, LogLine::parse(entry.text)); }
     void feed(const LogEntry &entry, const LogLine &line);
-    // There is nothing more to come after the last line, or after `when`; `why` of a search that has
-    // not ended.
+    // There is nothing more to come after the last line, or after `when`; `why` of a search that
+    // has not ended.
     void finish(const QString &why, const std::optional<Moment> &when = std::nullopt);
 
     // For whoever reads along with a process that runs: what leads the library to do something is
@@ -119,7 +119,7 @@ private:
     };
     static constexpr double secondsOfAttempt = 0.5;
     using Handler = void (Narrator::*)(const LogLine &);
-    static const QHash<int, Handler> &handlers();
+    static const QHash<int, Handler> handlers; // by the kind of line
 
     // One a line of the log.
     void newFacade(const LogLine &line);
