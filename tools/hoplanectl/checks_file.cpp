@@ -42,18 +42,28 @@ std::optional<Finding> unreadable(const Situation &situation)
     return std::nullopt;
 }
 
-// The number of the first line that is none of an INI file, 0 if there is none that shows.
-int badLine(const QByteArray &bytes)
+// Whether all of it can be taken apart. Has to be the first to read the file: whoever reads it
+// later is told of no error.
+bool isIni(const QString &path)
 {
+    const IniFile file(path);
+    (void)file.allKeys();
+    return file.status() == QSettings::NoError;
+}
+
+// Where the file stops being one, as far as that shows.
+QString badPlace(const QByteArray &bytes)
+{
+    if (bytes.startsWith("\xEF\xBB\xBF"))
+        return QStringLiteral("it begins with a byte order mark");
     const QList<QByteArray> lines = bytes.split('\n');
     for (int index = 0; index < lines.size(); ++index) {
         const QByteArray line = lines[index].trimmed();
         const bool group = line.startsWith('[') && line.contains(']');
-        if (!line.isEmpty() && !line.startsWith(';') && !line.startsWith('#') && !group
-            && !line.contains('='))
-            return index + 1;
+        if (!line.isEmpty() && !line.startsWith(';') && !group && !line.contains('='))
+            return QStringLiteral("line %1 is none of an INI file").arg(index + 1);
     }
-    return 0;
+    return QStringLiteral("it is no INI file throughout");
 }
 
 bool isUtf8(const QByteArray &bytes)
@@ -249,21 +259,17 @@ Findings Check::file(Situation &situation)
                                "connection and enabled")) };
     if (const std::optional<Finding> finding = unreadable(situation))
         return { *finding };
-    situation.readable = true;
-    situation.settings = Settings::read(situation.path);
     Findings found;
     QFile file(situation.path);
     const QByteArray bytes = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    const QSettings settings(situation.path, QSettings::IniFormat);
-    if (settings.status() != QSettings::NoError) {
-        const int number = badLine(bytes);
-        found.append(Finding::fault(
-                number == 0 ? QStringLiteral("%1 is no INI file throughout").arg(situation.path)
-                            : QStringLiteral("%1: line %2 is none of an INI file")
-                                      .arg(situation.path)
-                                      .arg(number),
-                QStringLiteral("correct %1 with an editor").arg(situation.path)));
-    }
+    if (!isIni(situation.path))
+        found.append(
+                Finding::fault(QStringLiteral("%1: %2, and nothing can be stored")
+                                       .arg(situation.path, badPlace(bytes)),
+                               QStringLiteral("correct %1 with an editor; remarks begin with ;")
+                                       .arg(situation.path)));
+    situation.readable = true;
+    situation.settings = Settings::read(situation.path);
     if (!isUtf8(bytes))
         found.append(Finding::warning(
                 QStringLiteral("%1 has bytes that are no UTF-8, which the library replaces")

@@ -36,7 +36,8 @@ QString property(const Connection &connection, const QString &name)
 {
     return Nmcli::ask({ QStringLiteral("-g"), name, QStringLiteral("connection"),
                         QStringLiteral("show"), QStringLiteral("uuid"), connection.uuid })
-            .word();
+            .rows.value(0)
+            .join(QLatin1Char(':'));
 }
 
 QString inPath()

@@ -1,0 +1,990 @@
+# SPDX-License-Identifier: MIT
+"""What `check` finds, without a network: provoked by the file, by PATH, by permissions, by the
+environment, and by a stand-in for nmcli."""
+
+import grp
+import os
+import pathlib
+import pty
+import pwd
+import re
+import socket
+import subprocess
+
+import tool
+from checking import (DEVICE_FILE, ITEMS, PROBES, CheckCase, fault, good, not_judged, warning)
+from tool import HOME, path_of, write
+
+APP = "failover"
+BIN = HOME / "bin"
+CALLS = HOME / "calls"
+PERMISSION = "org.freedesktop.NetworkManager."
+UUID, OTHER_UUID = "11111111-2222-4333-8444-555555555555", "99999999-2222-4333-8444-555555555555"
+PROFILE = "/etc/NetworkManager/system-connections/lan.nmconnection"
+
+GOOD = {"SwitchEnable": "true", "connectionName": "lan",
+        "FirstServerIp": "10.1.0.1", "FirstServerPort": "9000", "FirstIsAutomatically": "true",
+        "FirstLocalIp": "10.1.0.2", "FirstLocalMask": "255.255.255.0",
+        "FirstLocalGateWay": "10.1.0.254", "FirstPreferredDNS": "10.1.0.53",
+        "FirstSpareDNS": "10.1.0.54",
+        "SecondServerIp": "10.2.0.1", "SecondServerPort": "9001", "SecondIsAutomatically": "false",
+        "SecondLocalIp": "", "SecondLocalMask": "", "SecondLocalGateWay": "",
+        "SecondPreferredDNS": "", "SecondSpareDNS": ""}
+SECOND_STATIC = {"SecondIsAutomatically": "true", "SecondLocalIp": "10.2.0.2",
+                 "SecondLocalMask": "255.255.255.0", "SecondLocalGateWay": "10.2.0.254",
+                 "SecondPreferredDNS": "10.2.0.53"}
+
+# What a NetworkManager answers where all is good: (output, exit status).
+RUNNING = "-t -f RUNNING,VERSION general"
+LIST = "-t -f NAME,UUID,TYPE,DEVICE connection show"
+NAMED = "-g connection.uuid connection show lan"
+DEVICES = "-t -f DEVICE,TYPE,STATE device status"
+FILES = "-t -f UUID,FILENAME connection show"
+PERMISSIONS = "-t -f PERMISSION,VALUE general permissions"
+INTERFACE = f"-g connection.interface-name connection show uuid {UUID}"
+USERS = f"-g connection.permissions connection show uuid {UUID}"
+OPTION = "-g connection.uuid --version"
+LAN = f"lan:{UUID}:802-3-ethernet:lo"
+# The loopback interface plays the wired one: it has a carrier.
+ANSWERS = {
+    "--version": ("nmcli tool, version 1.42.4", 0), OPTION: ("nmcli tool, version 1.42.4", 0),
+    RUNNING: ("running:1.42.4", 0), LIST: (LAN, 0), NAMED: (UUID, 0), INTERFACE: ("lo", 0),
+    DEVICES: ("lo:ethernet:connected", 0), FILES: (f"{UUID}:{PROFILE}", 0), USERS: ("", 0),
+    PERMISSIONS: (f"{PERMISSION}network-control:yes\n{PERMISSION}settings.modify.own:yes\n"
+                  f"{PERMISSION}settings.modify.system:yes", 0)}
+NOT_RUNNING = "Error: NetworkManager is not running."
+NO_SUCH = "Error: lan - no such connection profile."
+
+UNUSED = ["enabled", "keys", "trust", "server-1", "server-2", "servers", "network-1", "network-2",
+          "networks", "name"]
+NO_FILE = not_judged("there is no configuration to read")
+WITHOUT_FILE = {item: NO_FILE for item in
+                [*UNUSED, "connection", "interface", "profile"]}
+WITHOUT_MANAGER = ["connection", "interface", "profile", "permissions"]
+NO_CONNECTION = not_judged("it is not clear which connection is meant")
+WITHOUT_CONNECTION = {"interface": NO_CONNECTION, "profile": NO_CONNECTION}
+SETTING = "hoplanectl set "
+SPINS = warning("both networks are static: a device without any address skips both, and its search "
+                "fails after 120 s; now it has none",
+                "nmcli connection modify lan connection.autoconnect yes")
+
+
+def nmcli(changes=None, missing=()):
+    """Writes the stand-in for nmcli: it answers as above but for the changes, and notes what it was
+    asked. An answer that is a text is a piece of shell."""
+    lines = ["#!/bin/sh", f'echo "$*" >> {CALLS}', 'case "$*" in']
+    for question, answer in (ANSWERS | (changes or {})).items():
+        if isinstance(answer, tuple):
+            text, status = answer
+            stream = "" if status == 0 else " >&2"
+            answer = f"/bin/cat{stream} <<'END'\n{text}\nEND\nexit {status}"
+        if question not in missing:
+            lines.append(f'"{question}") {answer}\n;;')
+    lines += ['*) echo "not expected: $*" >&2; exit 99;;', "esac"]
+    BIN.mkdir(exist_ok=True)
+    (BIN / "nmcli").write_text("\n".join(lines) + "\n", encoding="utf-8")
+    (BIN / "nmcli").chmod(0o755)
+
+
+class Case(CheckCase):
+    """Each test begins with a configuration and a device where all is good."""
+
+    def setUp(self):
+        super().setUp()
+        subprocess.run(["rm", "-rf", BIN, CALLS], check=True)
+        nmcli()
+        (BIN / "awk").symlink_to("/usr/bin/awk")
+        write(APP, GOOD)
+
+    def run_check(self, *arguments, environment=None, **options):
+        return super().run_check(*arguments, environment={"PATH": str(BIN), **(environment or {})},
+                                 **options)
+
+
+class Everything(Case):
+    def test_all_is_good(self):
+        result = self.expect_findings({})
+        self.assertEqual(result.status, 0)
+        self.assertEqual(result.objects[-1], {
+            "type": "summary", "app": APP, "file": str(path_of(APP)), "good": len(ITEMS),
+            "warnings": 0, "faults": 0})
+
+    def test_what_is_said_of_good_items(self):
+        self.compare({
+            "file": good(str(path_of(APP))), "keys": good("all 18 are there"),
+            "trust": good("only root may write"), "enabled": good("on"),
+            "server-1": good("10.1.0.1:9000"), "server-2": good("10.2.0.1:9001"),
+            "network-1": good("static address 10.1.0.2/24, gateway 10.1.0.254, name servers "
+                              "10.1.0.53, 10.1.0.54"),
+            "network-2": good("DHCP"), "name": good('"lan"'),
+            "nmcli": good(f"{BIN}/nmcli, version 1.42.4"), "awk": good(f"{BIN}/awk"),
+            "manager": good("runs, version 1.42.4"),
+            "connection": good(f'"lan", wired, {UUID}, active on lo'),
+            "interface": good("lo, connected, with a carrier"), "profile": good(PROFILE),
+            "permissions": good("root may change"), "device-file": good("there is no /userdata"),
+            "link-events": good("link notifications of all interfaces"),
+            "clock": good("is synchronised, it says 20"), "locale": good("UTF-8"),
+        }, self.run_check("check", "--json"))
+
+    def test_it_only_asks(self):
+        before = path_of(APP).read_bytes(), os.stat(path_of(APP)).st_mtime_ns
+        self.expect_findings({})
+        self.assertEqual((path_of(APP).read_bytes(), os.stat(path_of(APP)).st_mtime_ns), before)
+        self.assertEqual(sorted(os.listdir(path_of(APP).parent)), ["switch.ini"])
+        calls = CALLS.read_text(encoding="utf-8").splitlines()
+        self.assertTrue(calls)
+        for call in calls:
+            self.assertRegex(call, r"--version$|(general|permissions|device status)$"
+                                   r"|connection show( lan| uuid \S+)?$")
+
+    def test_text_says_what_json_says(self):
+        write(APP, GOOD | {"SwitchEnable": "false", "FirstServerPort": "0"})
+        for arguments in (["check"], ["check", "--probe"], ["--app", "none", "check"]):
+            objects = self.run_check(*arguments, "--json").objects
+            lines = []
+            for finding in objects[:-1]:
+                marker = {"good": "good", "warning": "WARNING", "fault": "FAULT"}[finding["level"]]
+                lines.append(f"{marker:7} {finding['item']:12} {finding['text']}")
+                if finding["remedy"]:
+                    lines.append(21 * " " + "remedy: " + finding["remedy"])
+            summary = objects[-1]
+            plural = "" if summary["warnings"] == 1 else "s"
+            faults = "" if summary["faults"] == 1 else "s"
+            lines.append(f"{summary['faults']} fault{faults}, {summary['warnings']} "
+                         f"warning{plural}")
+            result = self.run_check(*arguments)
+            self.assertEqual(result.out.splitlines(), lines)
+            self.assertEqual(result.status, 2)
+
+    def test_last_line(self):
+        self.assertEqual(self.run_check("check").out.splitlines()[-1], "all is good")
+        write(APP, GOOD | {"SwitchEnable": "false"})
+        result = self.run_check("check")
+        self.assertEqual(result.out.splitlines()[-1], "0 faults, 1 warning")
+        self.assertEqual(result.status, 1)
+
+    def test_colours_on_a_terminal(self):
+        write(APP, GOOD | {"SwitchEnable": "false", "FirstServerPort": "0"})
+        reader, writer = pty.openpty()
+        environment = os.environ | {"TERM": "xterm", "PATH": str(BIN)}
+        environment.pop("NO_COLOR", None)
+        with open(reader, "rb", buffering=0) as shown:
+            with subprocess.Popen([*tool.COMMAND, "check"], stdout=writer,
+                                  env=environment) as process:
+                os.close(writer)
+                text = b""
+                try:
+                    while piece := shown.read(65536):
+                        text += piece
+                except OSError:
+                    pass  # the terminal is closed
+            self.assertEqual(process.returncode, 2)
+        for marker in (b"\x1b[32mgood\x1b[0m    file", b"\x1b[33mWARNING\x1b[0m enabled",
+                       b"\x1b[31mFAULT\x1b[0m   server-1"):
+            self.assertIn(marker, text)
+
+    def test_wrong_usage(self):
+        for arguments in (["check", "file"], ["check", "--prob"], ["check", "--probe=1"],
+                          ["--app", "a/b", "check"], ["check", "--app", ""]):
+            result = self.run_check(*arguments)
+            self.assertEqual(result.status, 64, f"{arguments}: {result}")
+            self.assertEqual(result.out, "")
+
+    def test_several_applications(self):
+        write("other", GOOD)
+        result = self.run_check("check", "--json")
+        self.assertEqual((result.status, result.out), (64, ""))
+        self.assertIn("failover, other", result.err)
+        self.expect_findings({}, "--app", "other")
+
+
+class File(Case):
+    def test_no_application(self):
+        tool.remove_all()
+        result = self.expect_findings(
+            WITHOUT_FILE | {"file": fault(f"no application has a configuration in {HOME}/Documents",
+                                          "hoplanectl --app NAME set server 1 IP:PORT")})
+        self.assertEqual((result.objects[-1]["app"], result.objects[-1]["file"]), (None, None))
+
+    def test_no_file(self):
+        result = self.expect_findings(
+            WITHOUT_FILE | {"file": fault(f"there is no {path_of('new one')}",
+                                          "hoplanectl --app 'new one' set server 1 IP:PORT")},
+            "--app", "new one")
+        self.assertEqual((result.objects[-1]["app"], result.objects[-1]["file"]),
+                         ("new one", str(path_of("new one"))))
+
+    def test_not_a_file(self):
+        path = path_of("odd")
+        path.parent.mkdir()
+        for make, text, remedy in (
+                (path.mkdir, "is no regular file", f"mv {path} {path}.old"),
+                (lambda: os.mkfifo(path), "is no regular file", f"mv {path} {path}.old"),
+                (lambda: path.symlink_to("nowhere"), "is a link that leads nowhere",
+                 f"rm {path}; then hoplanectl --app odd set server 1 IP:PORT")):
+            make()
+            self.expect_findings(WITHOUT_FILE | {"file": fault(f"{path} {text}", remedy)},
+                                 "--app", "odd")
+            subprocess.run(["rm", "-r", path], check=True)
+
+    def test_unreadable(self):
+        path_of(APP).chmod(0)
+        powerless = ["/usr/bin/setpriv", "--bounding-set=-all", "--inh-caps=-all"]
+        self.expect_findings(
+            WITHOUT_FILE | {"file": fault(
+                f"{path_of(APP)} cannot be read by the user root: Permission denied",
+                f"chown root {path_of(APP)}")}, within=powerless)
+
+    def test_contents(self):
+        path = path_of(APP)
+        lines = [f"{key}={value}" for key, value in GOOD.items()]
+        stored = ", and nothing can be stored"
+        bad = fault(f"{path}: line 3 is none of an INI file{stored}",
+                    f"correct {path} with an editor; remarks begin with ;")
+        unknown = warning('the library does not know the key "rubbish"')
+        for body, expected in (
+                (["[General]", *lines, "", "; remark", ""], {}),
+                (lines, {}),
+                (["\ufeff[General]", *lines], {"file": fault(
+                    f"{path}: it begins with a byte order mark{stored}")}),
+                (["[general]", *lines], {}),
+                (["[General]", lines[0], "rubbish", *lines[1:]], {"file": bad}),
+                (["[General]", lines[0], "[rubbish", *lines[1:]], {"file": bad}),
+                (["[General]", lines[0], "# remark", *lines[1:]], {"file": bad}),
+                (["[General]", lines[0], "[rubbish", "a]"], {"file": bad}),
+                (["[General]", lines[0], "a=\\", "", "a", "b"], {"file": fault(
+                    f"{path}: line 5 is none of an INI file{stored}")}),
+                (["[General]", lines[0], "rubbish;a=b"], {"file": fault(
+                    f"{path}: it is no INI file throughout{stored}")}),
+                (["[General]", *lines, "rubbish=1"], {"keys": unknown})):
+            path.write_text("\n".join(body) + "\n", encoding="utf-8")
+            with self.subTest(body=body):
+                result = self.run_check("check", "--json")
+                found = {finding["item"]: finding for finding in result.objects[:-1]}
+                for item in ("file", "keys"):
+                    if item in expected:
+                        self.compare_item(item, [expected[item]], [found[item]], result)
+                if not expected:
+                    self.compare({}, result)
+                # Whether something can be stored is as it is said.
+                bad_file = expected.get("file", good(""))[0] == "fault"
+                self.assertEqual(tool.tool("set", "enabled", "off").status, int(bad_file))
+
+    def test_no_utf_8(self):
+        path_of(APP).write_bytes(path_of(APP).read_bytes() + b";\xfcber\n")
+        self.expect_findings({"file": warning("has bytes that are no UTF-8", "correct ")})
+
+    def test_empty(self):
+        path_of(APP).write_bytes(b"")
+        none = fault("there is none", SETTING + "server ")
+        self.expect_findings({
+            "keys": warning("the keys " + ", ".join(tool.KEYS), "; ".join([
+                SETTING + "enabled on", SETTING + "connection NAME",
+                SETTING + "server 1 IP:PORT",
+                SETTING + "network 1 --dhcp, or --address IP/PREFIX --gateway IP",
+                SETTING + "server 2 IP:PORT",
+                SETTING + "network 2 --dhcp, or --address IP/PREFIX --gateway IP"])),
+            "enabled": warning("switching is off", SETTING + "enabled on"),
+            "server-1": none, "server-2": none,
+            "servers": fault("both servers are the same, and so is the way"),
+            "networks": warning("both networks are automatic", SETTING + "network 2 --address"),
+            "name": warning("the connection has no name", SETTING + "connection NAME")})
+
+    def test_keys(self):
+        def without(key):
+            return {name: value for name, value in GOOD.items() if name != key}
+
+        table = [
+            (without("SecondSpareDNS"), {"keys": warning(
+                "takes the key SecondSpareDNS as false or empty: not in the file",
+                SETTING + "network 2 --dhcp, or")}),
+            (GOOD | {"switchEnable": "true"}, {"keys": warning(
+                'does not know the key "switchEnable"; a slip', f"names in {path_of(APP)}")}),
+            (GOOD | {"a": "1", "b/c": "2"}, {"keys": warning('the keys "a", "b/c"')}),
+            # Values with a comma.
+            (GOOD | {"FirstPreferredDNS": "10.1.0.53, 10.1.0.54"}, {"keys": fault(
+                'FirstPreferredDNS="10.1.0.53, 10.1.0.54": a value with a comma that is not in '
+                "quotes is empty for the library", SETTING + "network 1 --dhcp, or")}),
+            (GOOD | {"FirstPreferredDNS": '"10.1.0.53, 10.1.0.54"'}, {"network-1": fault(
+                '"10.1.0.53, 10.1.0.54": the name server has to be')}),
+            (GOOD | {"SwitchEnable": "true,"}, {
+                "keys": fault("comma that is not in quotes is false for the library",
+                              SETTING + "enabled on"),
+                "enabled": warning("switching is off")}),
+            # Values of an addressing that is not used.
+            (GOOD | {"SecondLocalIp": "a, b", "SecondLocalMask": "255.0.0.0"}, {}),
+        ]
+        for values, expected in table:
+            with self.subTest(values=values):
+                write(APP, values)
+                self.expect_findings(expected)
+
+    def test_flags(self):
+        for word, is_true in (("true", True), ("True", True), ("1", True), ("false", False),
+                              ("FALSE", False), ("0", False), ("", False)):
+            with self.subTest(word=word):
+                write(APP, GOOD | {"SwitchEnable": word})
+                self.expect_findings({} if is_true else {"enabled": warning("switching is off")})
+        for word in ("off", "no", "yes", "on", "2"):
+            with self.subTest(word=word):
+                write(APP, GOOD | {"SwitchEnable": word})
+                self.expect_findings({"keys": warning(
+                    f'SwitchEnable="{word}": the library takes this for true',
+                    SETTING + "enabled on")})
+
+    def test_wrong_group(self):
+        lines = [f"{key}={value}" for key, value in GOOD.items()]
+        path_of(APP).write_text("\n".join([*lines[:16], "[Dns]", *lines[16:], ""]),
+                                encoding="utf-8")
+        self.expect_findings({"keys": [
+            warning("takes the keys SecondPreferredDNS, SecondSpareDNS as false or empty"),
+            warning('the keys "Dns/SecondPreferredDNS", "Dns/SecondSpareDNS": the library looks '
+                    "into the group [General] only", f"{path_of(APP)} behind the line [General]"),
+        ]})
+
+
+class Trust(Case):
+    CONSEQUENCE = ", and whoever does can run commands as the application"
+
+    def others(self, who, path, remedy):
+        return {"trust": fault(f"{who} may write {path}{self.CONSEQUENCE}", remedy)}
+
+    def test_everybody(self):
+        for path in (path_of(APP), path_of(APP).parent, HOME / "Documents", HOME):
+            with self.subTest(path=path):
+                mode = path.stat().st_mode
+                path.chmod(0o777)
+                self.expect_findings(self.others("everybody", path, f"chmod go-w {path}"))
+                path.chmod(mode)
+
+    def test_sticky_folder(self):
+        path_of(APP).parent.chmod(0o1777)
+        self.expect_findings({})
+        path_of(APP).parent.chmod(0o755)
+
+    def test_group(self):
+        path_of(APP).chmod(0o664)
+        groups = HOME / "group"
+        for text, expected in (("root:x:0:\n", {}), ("root:x:0:root\n", {}),
+                               ("root:x:0:bob\n",
+                                self.others("the group root", path_of(APP), "chmod g-w ")),
+                               ("staff:x:0:\n",
+                                self.others("the group staff", path_of(APP), "chmod g-w "))):
+            with self.subTest(text=text):
+                groups.write_text(text, encoding="utf-8")
+                subprocess.run(["mount", "--bind", groups, "/etc/group"], check=True)
+                try:
+                    self.expect_findings(expected)
+                finally:
+                    subprocess.run(["umount", "/etc/group"], check=True)
+
+    def test_another_user(self):
+        number = 12345
+        self.assertRaises(KeyError, pwd.getpwuid, number)
+        self.assertRaises(KeyError, grp.getgrgid, number)
+        as_user = ["/usr/bin/unshare", "--user", f"--map-user={number}", f"--map-group={number}"]
+        own = {"trust": good(f"only root and {number} may write the file"),
+               "permissions": good(f"the user {number} may")}
+        self.expect_findings(own, within=as_user)
+        path_of(APP).chmod(0o664)
+        self.expect_findings(own | self.others(f"the group {number}", path_of(APP), "chmod g-w "),
+                             within=as_user)
+
+    def test_another_owner(self):
+        for path in (path_of(APP), path_of(APP).parent, pathlib.Path("/sandbox")):
+            for number, who in ((54321, "the user 54321"), (1, "the user daemon")):
+                with self.subTest(path=path, who=who):
+                    self.expect_findings(
+                        self.others(who, path, f"chown root {path}; or run the check as the "
+                                               "application's user"),
+                        environment={"SURROUNDINGS_OWNER": f"{number} {path}"})
+
+    def test_behind_a_link(self):
+        folder = HOME / "elsewhere"
+        folder.mkdir(exist_ok=True)
+        folder.chmod(0o777)
+        path_of(APP).rename(folder / "switch.ini")
+        path_of(APP).symlink_to(folder / "switch.ini")
+        self.expect_findings(self.others("everybody", folder, f"chmod go-w {folder}"))
+        folder.chmod(0o755)
+        self.expect_findings({})
+
+
+class Values(Case):
+    def test_table(self):
+        # A gateway that is of no use is not repeated in the remedy.
+        static = SETTING + "network 1 --address "
+        rest = " --gateway 10.1.0.254 --dns 10.1.0.53 --dns 10.1.0.54"
+        table = [
+            ({"SwitchEnable": "false"}, {"enabled": warning(
+                "switching is off: the library does nothing", SETTING + "enabled on")}),
+            # Servers.
+            ({"FirstServerIp": "", "FirstServerPort": ""}, {"server-1": fault(
+                "there is none", SETTING + "server 1 IP:PORT")}),
+            ({"SecondServerIp": "server"}, {"server-2": fault(
+                '"server:9001": the server has to be an IPv4 address',
+                SETTING + "server 2 IP:9001")}),
+            ({"FirstServerPort": "http"}, {"server-1": fault(
+                '"10.1.0.1:http": the port has to be a number',
+                SETTING + "server 1 10.1.0.1:PORT")}),
+            ({"SecondServerIp": "10.1.0.1", "SecondServerPort": "9000"}, {"servers": warning(
+                "both servers are the same; only the way to them differs",
+                SETTING + "server 2 IP:PORT")}),
+            ({"SecondServerIp": "10.1.0.1"}, {}),
+            # A static network.
+            ({"FirstLocalIp": "10.1.0.300"}, {"network-1": fault(
+                '"10.1.0.300": the address has to be an IPv4', static + "IP/24" + rest)}),
+            ({"FirstLocalIp": ""}, {"network-1": fault('"": the address has to be')}),
+            ({"FirstLocalIp": "10.1.0.0"}, {"network-1": fault("address of the network itself")}),
+            ({"FirstLocalMask": "255.0.0.0"}, {"network-1": fault(
+                '"10.1.0.2/8": no netmask gives /8: the library applies 255.0.0.0 as /6',
+                static + "10.1.0.2/PREFIX" + rest)}),
+            ({"FirstLocalMask": "255.255.0.255"}, {"network-1": fault(
+                "; the library applies it as /16", static + "10.1.0.2/PREFIX" + rest)}),
+            ({"FirstLocalMask": "255.255.255"}, {"network-1": fault(
+                "; the library applies it as /0")}),
+            ({"FirstLocalMask": "24"}, {"network-1": fault("; the library applies it as /0")}),
+            ({"FirstLocalMask": ""}, {"network-1": fault("; the library applies it as /0")}),
+            ({"FirstLocalMask": "255.255.x.0"}, {"network-1": fault(
+                "; the library applies it as /16")}),
+            ({"FirstLocalMask": "255.0.0.x"}, {"network-1": fault(
+                "; the library applies it as /6")}),
+            ({"FirstLocalMask": "254.256.0.0"}, {"network-1": fault(
+                "; the library applies it as /6")}),
+            ({"FirstLocalMask": "254.257.0.0"}, {"network-1": fault(
+                "; the library applies it as /8")}),
+            ({"FirstLocalGateWay": "10.9.0.254"}, {"network-1": fault(
+                "the gateway is outside the network",
+                static + "10.1.0.2/24 --gateway IP --dns 10.1.0.53 --dns 10.1.0.54")}),
+            ({"FirstPreferredDNS": "dns"}, {"network-1": fault(
+                '"dns": the name server has to be',
+                static + "10.1.0.2/24 --gateway 10.1.0.254 --dns IP --dns 10.1.0.54")}),
+            ({"FirstPreferredDNS": "", "FirstLocalGateWay": ""}, {}),
+            # The way to the server.
+            ({"FirstServerIp": "10.9.0.1"}, {}),
+            ({"FirstServerIp": "10.9.0.1", "FirstLocalGateWay": ""}, {"network-1": fault(
+                "the server 10.9.0.1 is outside the network of 10.1.0.2/24, and there is no "
+                "gateway", static + "10.1.0.2/24 --dns 10.1.0.53 --dns 10.1.0.54 --gateway IP")}),
+            ({"FirstServerIp": "10.1.0.2"}, {"network-1": fault(
+                "10.1.0.2 is the server's address, and here the device's own",
+                static + "IP/24" + rest)}),
+            # Two networks.
+            ({"FirstIsAutomatically": "false"}, {"networks": warning(
+                "both networks are automatic (DHCP), and so the same",
+                SETTING + "network 2 --address IP/PREFIX --gateway IP")}),
+            ({"FirstIsAutomatically": "false", "SecondServerIp": "10.1.0.1",
+              "SecondServerPort": "9000"}, {
+                  "networks": warning("both networks are automatic"),
+                  "servers": fault("both servers are the same, and so is the way to them",
+                                   SETTING + "server 2 IP:PORT")}),
+            (SECOND_STATIC, {"networks": SPINS}),
+            (SECOND_STATIC | {"SecondLocalIp": "10.1.0.2", "SecondLocalGateWay": "10.1.0.254"}, {
+                "networks": [fault("both networks have the address 10.1.0.2: a device that has it "
+                                   "skips both", SETTING + "network 2 --address IP/24"), SPINS]}),
+            (SECOND_STATIC | {"SecondServerIp": "10.1.0.1", "SecondLocalIp": "10.1.0.22",
+                              "SecondLocalGateWay": "10.1.0.254"}, {
+                "networks": [fault("the text 10.1.0.2 is a part of 10.1.0.22: a device with the "
+                                   "address 10.1.0.2 skips both networks",
+                                   SETTING + "network 2 --address IP/24"), SPINS]}),
+            (SECOND_STATIC | {"FirstServerIp": "10.2.0.1", "FirstLocalIp": "110.2.0.2",
+                              "FirstLocalGateWay": "110.2.0.254"}, {
+                "networks": [fault("the text 10.2.0.2 is a part of 110.2.0.2",
+                                   SETTING + "network 1 --address IP/24"), SPINS]}),
+            (SECOND_STATIC | {"SecondLocalGateWay": ""}, {"networks": [
+                warning("network 2 has no gateway: that of network 1 stays in the profile",
+                        SETTING + "network 2 --address 10.2.0.2/24 --dns 10.2.0.53 --gateway IP"),
+                SPINS]}),
+            (SECOND_STATIC | {"FirstPreferredDNS": "", "FirstSpareDNS": ""}, {"networks": [
+                warning("network 1 has no name server: that of network 2 stays in the profile",
+                        static + "10.1.0.2/24 --gateway 10.1.0.254 --dns IP"), SPINS]}),
+            (SECOND_STATIC | {"connectionName": ""}, {
+                "networks": warning("both networks are static", SETTING + "network 2 --dhcp"),
+                "name": warning("the connection has no name")}),
+            # The connection's name.
+            ({"connectionName": "a`b"}, {
+                "name": fault('"a`b": the name contains `', SETTING + "connection NAME"),
+                "connection": not_judged("the name cannot be looked up"), **WITHOUT_CONNECTION}),
+            ({"connectionName": '"tab\\there"'}, {
+                "name": fault('"tab\\u0009here": the name contains a control character'),
+                "connection": not_judged("the name cannot be looked up"), **WITHOUT_CONNECTION}),
+        ]
+        for changes, expected in table:
+            with self.subTest(changes=changes):
+                write(APP, GOOD | changes)
+                self.expect_findings(expected)
+
+    def test_remedy_names_the_application(self):
+        write("two words", GOOD | {"SwitchEnable": "false"})
+        self.expect_findings({"enabled": warning(
+            "switching is off", "hoplanectl --app 'two words' set enabled on")},
+            "--app", "two words")
+
+    def test_remedies_work(self):
+        """What a remedy names is a command that takes the fault away."""
+        for changes in ({"SwitchEnable": "false"},
+                        {"SwitchEnable": "off"},
+                        {"FirstServerPort": "0"},
+                        {"FirstLocalMask": "255.0.0.0"},
+                        {"FirstPreferredDNS": "10.1.0.53, 10.1.0.54"},
+                        {"connectionName": "-x"}):
+            with self.subTest(changes=changes):
+                write(APP, GOOD | changes)
+                found = [finding for finding in self.run_check("check", "--json").objects[:-1]
+                         if finding["level"] != "good" and finding["judged"]]
+                self.assertEqual(len(found), 1)
+                command = found[0]["remedy"].split("; ")[0]
+                for word, value in (("IP:PORT", "10.1.0.1:9000"), ("PORT", "9000"),
+                                    ("PREFIX", "24"), ("NAME", "lan"), (" --dhcp, or", ""),
+                                    ("IP/24", "10.1.0.2/24"), ("--gateway IP",
+                                                               "--gateway 10.1.0.254")):
+                    command = command.replace(word, value)
+                done = tool.tool(*command.split()[1:])
+                self.assertEqual(done.status, 0, f"{command}: {done}")
+                self.expect_findings({})
+
+
+class Programs(Case):
+    def test_no_nmcli(self):
+        (BIN / "nmcli").unlink()
+        silent = not_judged("without nmcli NetworkManager cannot be asked")
+        self.expect_findings({"nmcli": fault(f"it is not in PATH, which is {BIN}",
+                                             "apt install network-manager"),
+                              "manager": silent} | {item: silent for item in WITHOUT_MANAGER})
+
+    def test_no_program(self):
+        (BIN / "nmcli").write_text("#!/no/such/program\n", encoding="utf-8")
+        silent = not_judged("without nmcli NetworkManager cannot be asked")
+        self.expect_findings({"nmcli": fault(f"{BIN}/nmcli: ", "apt install --reinstall"),
+                              "manager": silent} | {item: silent for item in WITHOUT_MANAGER})
+
+    def test_killed(self):
+        nmcli({"--version": "kill -9 $$"})
+        silent = not_judged("without nmcli NetworkManager cannot be asked")
+        self.expect_findings({"nmcli": fault(f"{BIN}/nmcli: nmcli ends with status 9"),
+                              "manager": silent} | {item: silent for item in WITHOUT_MANAGER})
+
+    def test_old_nmcli(self):
+        nmcli({OPTION: ("Error: Option '-g' is unknown, try 'nmcli -help'.", 2)})
+        self.expect_findings({"nmcli": fault(
+            "version 1.42.4, does not know the option -g that the library uses: Error: Option '-g'",
+            "newer NetworkManager")})
+
+    def test_no_awk(self):
+        (BIN / "awk").unlink()
+        missing = f"it is not in PATH, which is {BIN}"
+        self.expect_findings({"awk": warning(
+            missing + "; it is needed for a connection without a name only", "apt install mawk")})
+        write(APP, GOOD | {"connectionName": ""})
+        self.expect_findings({"awk": fault(missing, "apt install mawk"),
+                              "name": warning("no name")})
+
+
+class Manager(Case):
+    def trouble(self, finding, reason):
+        return {"manager": finding} | {item: not_judged(reason) for item in WITHOUT_MANAGER}
+
+    def test_not_running(self):
+        nmcli({RUNNING: (NOT_RUNNING, 8)})
+        self.expect_findings(self.trouble(
+            fault("NetworkManager is not running", "systemctl enable --now NetworkManager"),
+            "NetworkManager is not running"))
+
+    def test_no_bus(self):
+        nmcli({RUNNING: ("Warning: one\nError: Could not connect: No such file.", 1)})
+        self.expect_findings(self.trouble(
+            fault("NetworkManager cannot be asked: Error: Could not connect: No such file."),
+            "NetworkManager cannot be asked"))
+
+    def test_other_words(self):
+        for answer in ("not running:", "", "starting:1.42.4"):
+            nmcli({RUNNING: (answer, 0)})
+            self.expect_findings(self.trouble(fault("NetworkManager is not running"),
+                                              "NetworkManager is not running"))
+
+    def test_silent(self):
+        nmcli({RUNNING: "exec /bin/sleep 100"})
+        self.expect_findings(self.trouble(
+            fault("nmcli has no answer after 5 s", "systemctl restart NetworkManager"),
+            "NetworkManager does not answer"))
+        self.assertNotIn("sleep", [pathlib.Path(name).read_text(encoding="utf-8").strip()
+                                   for name in processes()])
+
+    def test_other_version(self):
+        nmcli({RUNNING: ("running:1.40.0", 0)})
+        self.expect_findings({"manager": warning(
+            "NetworkManager runs in version 1.40.0, nmcli is of version 1.42.4",
+            "systemctl restart NetworkManager")})
+
+    def test_it_asks_in_english(self):
+        answer = f'[ "$LC_ALL$LANGUAGE" = C.UTF-8 ] && echo {LAN}'
+        nmcli({LIST: answer})
+        self.expect_findings({}, environment={"LC_ALL": "de_DE.UTF-8", "LANGUAGE": "de"})
+
+    def test_it_breaks_down(self):
+        """NetworkManager goes between two questions."""
+        gone = fault(NOT_RUNNING, "systemctl restart NetworkManager")
+        for question, item, more in ((LIST, "connection", WITHOUT_CONNECTION),
+                                     (NAMED, "connection", WITHOUT_CONNECTION),
+                                     (DEVICES, "interface", {}), (FILES, "profile", {}),
+                                     (PERMISSIONS, "permissions", {})):
+            with self.subTest(item=item):
+                nmcli({question: (NOT_RUNNING, 8)})
+                self.expect_findings({item: gone} | more)
+
+
+def processes():
+    return list(pathlib.Path("/proc").glob("[0-9]*/comm"))
+
+
+class TheConnection(Case):
+    def connection(self, finding, **answers):
+        nmcli(answers["answers"])
+        self.expect_findings({"connection": finding} | WITHOUT_CONNECTION)
+
+    def test_none_of_the_name(self):
+        self.connection(fault('NetworkManager has no connection "lan"',
+                              "nmcli connection add type ethernet ifname INTERFACE con-name lan"),
+                        answers={NAMED: (NO_SUCH, 10), LIST: ("", 0)})
+        others = (f"Wired connection 1:{UUID}:802-3-ethernet:\nair:{OTHER_UUID}:802-11-wireless:\n"
+                  f"a\\:b\\\\c:{OTHER_UUID}:802-3-ethernet:")
+        self.connection(fault('NetworkManager has no connection "lan"',
+                              SETTING + "connection 'Wired connection 1'; or "
+                              + SETTING + "connection 'a:b\\c'"),
+                        answers={NAMED: (NO_SUCH, 10), LIST: (others, 0)})
+
+    def test_two_of_the_name(self):
+        self.connection(fault('2 connections are named "lan": the library takes them for one',
+                              f"keep one: nmcli connection delete uuid {OTHER_UUID}"),
+                        answers={NAMED: (f"{UUID}\n\n{OTHER_UUID}", 0),
+                                 LIST: (f"{LAN}\nlan:{OTHER_UUID}:802-3-ethernet:", 0)})
+
+    def test_not_wired(self):
+        self.connection(fault('"lan" is no wired connection: its type is 802-11-wireless',
+                              SETTING + "connection eth"),
+                        answers={LIST: (f"lan:{UUID}:802-11-wireless:wlan0\n"
+                                        f"eth:{OTHER_UUID}:802-3-ethernet:", 0)})
+
+    def test_name_in_other_letters(self):
+        write(APP, GOOD | {"connectionName": "Büro 2"})
+        question = "-g connection.uuid connection show Büro 2"
+        nmcli({question: (UUID, 0), LIST: (LAN.replace("lan", "Büro 2"), 0)})
+        self.expect_findings({"connection": good('"Büro 2", wired')})
+
+    def test_without_a_name(self):
+        write(APP, GOOD | {"connectionName": ""})
+        nameless = {"name": warning("the connection has no name: the library takes the active one")}
+        nmcli(missing=[NAMED])
+        self.expect_findings(nameless)
+        two = f"{LAN}\nlo:{OTHER_UUID}:loopback:lo\nspare:{OTHER_UUID}:802-3-ethernet:"
+        for rows, finding in (
+                (LAN[:-2], fault("none is named and none is active",
+                                 SETTING + "connection lan")),
+                (two, fault('none is named and 2 are active, "lan" on lo, "lo" on lo: the library '
+                            "takes them for one, and nothing is applied",
+                            SETTING + "connection lan; or " + SETTING + "connection spare")),
+                (f"air:{UUID}:802-11-wireless:wlan0\n{LAN[:-2]}", fault(
+                    '"air" is no wired connection')),
+                ("", fault("none is named and none is active", "con-name NAME"))):
+            with self.subTest(rows=rows):
+                nmcli({LIST: (rows, 0)}, missing=[NAMED])
+                self.expect_findings(nameless | {"connection": finding} | (
+                    WITHOUT_CONNECTION))
+
+    def test_interface(self):
+        idle = (LAN[:-2], 0)
+        table = [
+            # Not active: the one that the profile names, or the only one.
+            ({LIST: idle}, good("lo, connected")),
+            ({LIST: idle, INTERFACE: ("", 0)}, good("lo, connected")),
+            ({LIST: idle, INTERFACE: ("", 0),
+              DEVICES: ("eth0:ethernet:disconnected\nlo:loopback:unmanaged\n"
+                        "eth1:ethernet:unavailable", 0)},
+             warning("the connection may use any of eth0, eth1",
+                     "nmcli connection modify lan connection.interface-name eth0")),
+            ({LIST: idle, INTERFACE: ("", 0), DEVICES: ("lo:loopback:unmanaged", 0)},
+             fault("there is no wired interface", "driver")),
+            ({LIST: idle, INTERFACE: ("eth9", 0)},
+             fault("there is no interface eth9",
+                   "nmcli connection modify lan connection.interface-name INTERFACE")),
+            ({DEVICES: ("lo:ethernet:unmanaged", 0)},
+             fault("NetworkManager leaves lo alone (unmanaged)",
+                   "nmcli device set lo managed yes")),
+        ]
+        for answers, finding in table:
+            with self.subTest(answers=answers):
+                nmcli(answers)
+                self.expect_findings({"interface": finding} | ({
+                    "connection": good("not active")} if LIST in answers else {}))
+
+    def test_carrier(self):
+        subprocess.run(["ip", "link", "set", "lo", "down"], check=True)
+        try:
+            self.expect_findings({"interface": warning("lo has no carrier", "plug the cable in")})
+        finally:
+            subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+
+    def test_profile(self):
+        memory = f"nmcli connection modify uuid {UUID} connection.id lan"
+        for name, finding in (
+                ("/run/NetworkManager/system-connections/lan.nmconnection",
+                 warning("is gone after a restart of the device: it is in /run/Net", memory)),
+                ("", warning("it is in memory only", memory)),
+                ("/usr/lib/NetworkManager/system-connections/lan.nmconnection", good("/usr/lib"))):
+            with self.subTest(name=name):
+                nmcli({FILES: (f"{OTHER_UUID}:/x\n{UUID}:{name}", 0)})
+                self.expect_findings({"profile": finding})
+        read_only = HOME / "read-only"
+        read_only.mkdir(exist_ok=True)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "ro", "tmpfs", read_only], check=True)
+        try:
+            for name in ("lan.nmconnection", "not/there/lan.nmconnection"):
+                nmcli({FILES: (f"{UUID}:{read_only}/{name}", 0)})
+                self.expect_findings({"profile": fault(
+                    f"{read_only} is on a read-only file system", "mount -o remount,rw")})
+        finally:
+            subprocess.run(["umount", read_only], check=True)
+
+
+class Permissions(Case):
+    def test_table(self):
+        control, system = PERMISSION + "network-control", PERMISSION + "settings.modify.system"
+        own = PERMISSION + "settings.modify.own"
+        everything = {control: "yes", system: "yes", own: "yes"}
+        rule = f'subject.user == "root" && (action.id == "{system}" || action.id == "{control}")'
+
+        def refused(permission, text):
+            return fault(f"for the user root {permission} {text}", rule)
+
+        table = [
+            ({system: "no"}, "", refused(system, "is refused")),
+            ({control: "auth"}, "", refused(control, "asks for somebody's password")),
+            ({control: "unknown"}, "", refused(control, "is unknown (unknown)")),
+            ({control: "no", system: "auth"}, "", [refused(system, "asks for"),
+                                                   refused(control, "is refused")]),
+            ({own: "no"}, "", good("may")),
+            ({system: "no"}, "user:root", good("may")),
+            ({system: "no"}, "user\\:root", good("may")),
+            ({system: "no"}, "user:bob", refused(system, "is refused")),
+            ({own: "no"}, "user:root", fault(f"for the user root {own} is refused", f'"{own}"')),
+            ({control: None}, "", not_judged(f"NetworkManager tells nothing of {control}")),
+        ]
+        for changes, users, finding in table:
+            with self.subTest(changes=changes, users=users):
+                rows = [f"{permission}:{value}"
+                        for permission, value in (everything | changes).items() if value]
+                nmcli({PERMISSIONS: ("\n".join(rows), 0), USERS: (users, 0)})
+                self.expect_findings({"permissions": finding})
+
+    def test_without_a_file(self):
+        tool.remove_all()
+        nmcli({PERMISSIONS: (f"{PERMISSION}network-control:no", 0)})
+        found = self.run_check("check", "--json").objects
+        self.assertIn("is refused", [row for row in found if row.get("item") == "permissions"
+                                     ][1]["text"])
+
+
+class DeviceFile(Case):
+    SAME = ["[NetworkConnections]", "conName=lan", "bDhcpEnabled=false", "MasterNet\\ip=10.1.0.2",
+            "MasterNet\\mask=255.255.255.0", "MasterNet\\gateway=10.1.0.254",
+            "MasterNet\\dns1=10.1.0.53", "MasterNet\\dns2=10.1.0.54",
+            "SlaveNet\\bDhcpEnabled=true"]
+    OVERWRITTEN = f"the next start of the application takes over {DEVICE_FILE}: "
+    REMEDY = f"correct {DEVICE_FILE}"
+
+    def test_table(self):
+        same, empties = self.SAME, "The next start of the application empties the connection's name"
+        network = "network 1 becomes static address 10.1.0.2/"
+        now = ("static address 10.1.0.2/24, gateway 10.1.0.254, name servers 10.1.0.53, 10.1.0.54")
+        table = [
+            (same, good("has the values that the file has already")),
+            # Values that are not used make no difference.
+            ([*same, "SlaveNet\\ip=10.2.0.2"], good("has already")),
+            ([*same[:1], "conName=wan", *same[2:]], warning(
+                self.OVERWRITTEN + 'the connection becomes "wan" (now "lan")',
+                self.REMEDY + ", which comes first")),
+            ([*same[:1], *same[2:]], [
+                warning(self.OVERWRITTEN + 'the connection becomes "" (now "lan")'),
+                warning("it has no conName", self.REMEDY)]),
+            ([*same[:1], "conName=l;an", *same[2:]], warning('the connection becomes "l"')),
+            ([*same[:1], 'conName="l;an"', *same[2:]], [
+                warning('the connection becomes "l;an"'),
+                fault('its conName: "l;an": the name contains ;', self.REMEDY)]),
+            ([*same, "MasterNet\\mask=255.0.0.0"], [
+                warning(self.OVERWRITTEN + network + "8 (applied as /6), gateway 10.1.0.254, name "
+                        f"servers 10.1.0.53, 10.1.0.54 (now {now})"),
+                fault('its group MasterNet: "10.1.0.2/8": no netmask gives /8', self.REMEDY)]),
+            ([*same[:-1], "SlaveNet\\bDhcpEnabled=false"], [
+                warning("network 2 becomes static address (none) netmask (none), gateway (none), "
+                        "name servers (none) (now automatic addressing (DHCP))"),
+                fault('its group SlaveNet: "": the address has to be')]),
+            (["[NetworkConnections]", "conName=lan"], warning(
+                self.OVERWRITTEN + "network 1 becomes automatic addressing (DHCP) (now " + now)),
+            (["[General]", "conName=lan"], fault(
+                f"{DEVICE_FILE}: it has no group NetworkConnections. {empties}",
+                f"mv {DEVICE_FILE} {DEVICE_FILE}.old")),
+            ([], fault("it has no group NetworkConnections")),
+        ]
+        for lines, finding in table:
+            with self.subTest(lines=lines):
+                DEVICE_FILE.write_text("\n".join(lines) + "\n", encoding="utf-8")
+                self.expect_findings({"device-file": finding})
+
+    def test_not_a_file(self):
+        DEVICE_FILE.mkdir()
+        self.expect_findings({"device-file": fault(f"{DEVICE_FILE}: it is no regular file")})
+        DEVICE_FILE.rmdir()
+        DEVICE_FILE.symlink_to("nowhere")
+        self.expect_findings({"device-file": good("there is no")})
+
+    def test_unreadable(self):
+        DEVICE_FILE.write_text("\n".join(self.SAME), encoding="utf-8")
+        DEVICE_FILE.chmod(0)
+        self.expect_findings({"device-file": fault(f"{DEVICE_FILE}: Permission denied. The next")},
+                             within=["/usr/bin/setpriv", "--bounding-set=-all", "--inh-caps=-all"])
+
+    def test_without_a_configuration(self):
+        tool.remove_all()
+        DEVICE_FILE.write_text("\n".join(self.SAME), encoding="utf-8")
+        nothing = fault("no application has a configuration")
+        self.expect_findings(WITHOUT_FILE | {"file": nothing, "device-file": not_judged(
+            f"there is no configuration that {DEVICE_FILE} would change")})
+        self.expect_findings(WITHOUT_FILE | {
+            "file": fault("there is no "),
+            "device-file": warning('the connection becomes "lan" (now "")')}, "--app", "new")
+
+
+class Surroundings(Case):
+    def test_link_events(self):
+        arm = {"SURROUNDINGS_ARCHITECTURE": "arm64"}
+        refused = "cannot be received: "
+        table = [
+            ({"SURROUNDINGS_ARCHITECTURE": "x86_64"}, good("of all interfaces (x86_64)")),
+            ({"SURROUNDINGS_REFUSED": "socket 0"}, fault(
+                f"link notifications {refused}Address family not supported", "AF_NETLINK")),
+            ({"SURROUNDINGS_REFUSED": "bind 0"}, fault(
+                f"link notifications {refused}Operation not permitted")),
+            ({"SURROUNDINGS_REFUSED": "socket 15"}, good("of all interfaces")),
+            (arm, warning("there is no /sys/devices/virtual/switch/lan-switch: no event of the LAN "
+                          "switch will come (arm64)", "driver")),
+            (arm | {"SURROUNDINGS_REFUSED": "socket 15"}, fault(
+                f"LAN switch's uevents {refused}Address family not supported")),
+            (arm | {"SURROUNDINGS_REFUSED": "bind 15"}, fault(
+                f"LAN switch's uevents {refused}Operation not permitted")),
+        ]
+        for environment, finding in table:
+            with self.subTest(environment=environment):
+                self.expect_findings({"link-events": finding}, environment=environment)
+
+    def test_lan_switch(self):
+        """The devices of this kind, with a LAN switch among them."""
+        devices, mine = pathlib.Path("/sys/devices/virtual"), HOME / "devices"
+        mine.mkdir(exist_ok=True)
+        subprocess.run(["mount", "-t", "tmpfs", "tmpfs", mine], check=True)
+        try:
+            for device in devices.iterdir():
+                (mine / device.name).mkdir()
+                subprocess.run(["mount", "--rbind", device, mine / device.name], check=True)
+            (mine / "switch/lan-switch").mkdir(parents=True)
+            subprocess.run(["mount", "--rbind", mine, devices], check=True)
+            self.expect_findings({"link-events": good("uevents of the LAN switch (arm64)")},
+                                 environment={"SURROUNDINGS_ARCHITECTURE": "arm64"})
+        finally:
+            subprocess.run(["umount", "--recursive", "--lazy", devices], check=False)
+            subprocess.run(["umount", "--recursive", "--lazy", mine], check=False)
+
+    def test_clock(self):
+        day = 24 * 60 * 60
+        for clock, finding in (
+                ("15999999 0", good("is synchronised")),
+                ("16000000 0", warning("the clock is not synchronised, it says 20",
+                                       "timedatectl set-ntp true")),
+                (f"0 {20 * 365 * day}", warning(
+                    "the clock is wrong, it says 1989-12-27 00:00 UTC; a jump during a search "
+                    "changes its 120 s", "timedatectl set-ntp true")),
+                (f"0 {50 * 365 * day + 13 * day - 1}", good("2020-01-01 23:59")),
+                (f"0 {50 * 365 * day + 12 * day - 1}", warning("2019-12-31 23:59")),
+                ("refused", not_judged("Operation not permitted"))):
+            with self.subTest(clock=clock):
+                self.expect_findings({"clock": finding},
+                                     environment={"SURROUNDINGS_CLOCK": clock})
+
+    def test_the_real_clock(self):
+        """Whatever the kernel says of it, which timedatectl reads the same way."""
+        result = self.run_check("check", "--json", clock=False)
+        found = [row for row in result.objects if row.get("item") == "clock"]
+        self.assertRegex(found[0]["text"], r"^the clock is (not )?synchronised, it says 20\d\d-")
+        self.assertEqual(result.status, 0 if found[0]["level"] == "good" else 1)
+
+    def test_locale(self):
+        latin = {"SURROUNDINGS_CODEC": "ISO-8859-1"}
+        self.expect_findings({"locale": good("ISO-8859-1, which is enough")}, environment=latin)
+        self.expect_findings({"locale": good("UTF-8")}, environment={"SURROUNDINGS_CODEC": "UTF-8"})
+        write(APP, GOOD | {"connectionName": "Büro"})
+        nmcli({"-g connection.uuid connection show Büro": (UUID, 0)})
+        self.expect_findings({"locale": warning(
+            'in ISO-8859-1 the log shows the connection\'s name "Büro" in another spelling',
+            "LC_ALL=C.UTF-8")}, environment=latin)
+        self.expect_findings({})
+        tool.remove_all()
+        nmcli()
+        path = write("Büro", GOOD)
+        self.expect_findings({"locale": fault(f"in ISO-8859-1 the path {path} has another "
+                                              "spelling", "LC_ALL=C.UTF-8")}, environment=latin)
+        self.expect_findings({})
+
+
+class Probes(Case):
+    def probe(self, expected, values):
+        write(APP, GOOD | values)
+        self.compare(expected, self.run_check("check", "--probe", "--json"), ITEMS + PROBES)
+
+    @staticmethod
+    def elapsed(result):
+        return [int(re.search(r"after (\d+) ms", row["text"])[1]) for row in result.objects
+                if row.get("item") in PROBES]
+
+    def test_accepting_refusing_silent(self):
+        subprocess.run(["ip", "address", "add", "10.1.0.1/24", "dev", "lo"], check=True)
+        subprocess.run(["ip", "address", "add", "10.2.0.1/24", "dev", "lo"], check=True)
+        later = SETTING.replace("set ", "search")
+        with socket.create_server(("10.1.0.1", 0)) as server, \
+                socket.create_server(("10.2.0.1", 0), backlog=0) as full:
+            values = {"FirstServerPort": server.getsockname()[1],
+                      "SecondServerPort": full.getsockname()[1]}
+            # A queue without room drops what asks for a connection.
+            with socket.create_connection(full.getsockname()):
+                result = self.run_check("check", "--probe", "--json")
+                self.assertEqual(result.objects[-2]["item"], "probe-2")
+                write(APP, GOOD | values)
+                result = self.run_check("check", "--probe", "--json")
+                self.compare({"probe-1": good(f"10.1.0.1:{values['FirstServerPort']} accepts, "),
+                              "probe-2": warning(
+                                  f"10.2.0.1:{values['SecondServerPort']}: no answer, after 50",
+                                  later)},
+                             result, ITEMS + PROBES)
+                self.assertLess(self.elapsed(result)[0], 400)
+                self.assertIn(self.elapsed(result)[1], range(500, 600))
+        self.probe({"probe-1": warning("10.1.0.1:9000: Connection refused, after 0 ms", later),
+                    "probe-2": warning("10.2.0.1:9001: Connection refused, after 0 ms; with the "
+                                       "addressing as it is now", later)}, {})
+
+    def test_unreachable(self):
+        subprocess.run(["ip", "address", "flush", "dev", "lo", "scope", "global"], check=True)
+        self.probe({"probe-1": warning("10.1.0.1:9000: Network is unreachable, after 0 ms"),
+                    "probe-2": warning("10.2.0.1:9001: Network is unreachable, after 0 ms")}, {})
+
+    def test_no_valid_server(self):
+        subprocess.run(["ip", "address", "flush", "dev", "lo", "scope", "global"], check=True)
+        self.probe({"server-1": fault("the port has to be"),
+                    "probe-1": not_judged("the server is no valid one"),
+                    "probe-2": warning("Network is unreachable")}, {"FirstServerPort": "0"})
+
+    def test_without_a_file(self):
+        tool.remove_all()
+        self.compare(WITHOUT_FILE | {"file": fault("no application"), "probe-1": NO_FILE,
+                                     "probe-2": NO_FILE},
+                     self.run_check("check", "--probe", "--json"), ITEMS + PROBES)
+
+
+if __name__ == "__main__":
+    tool.main()

@@ -1,0 +1,117 @@
+// SPDX-License-Identifier: MIT
+// Surroundings that a test cannot bring about: preloaded into hoplanectl, these functions tell of a
+// device as the environment describes it. What it does not mention is as it really is.
+//
+//   SURROUNDINGS_CLOCK         "ERROR SECONDS": the clock's greatest error in microseconds and its
+//                              time, 0 for the real one; "refused": the kernel does not tell
+//   SURROUNDINGS_REFUSED       "socket PROTOCOL" or "bind PROTOCOL": of AF_NETLINK, not allowed
+//   SURROUNDINGS_ARCHITECTURE  the processor's, in Qt's words
+//   SURROUNDINGS_CODEC         that of the locale
+//   SURROUNDINGS_OWNER         "NUMBER PATH": the user who owns the file
+
+#include <QSysInfo>
+#include <QTextCodec>
+
+#include <dlfcn.h>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/timex.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+template<typename Function>
+Function real(const char *mangledName)
+{
+    void *address = dlsym(RTLD_NEXT, mangledName);
+    if (!address)
+        std::abort();
+    return reinterpret_cast<Function>(address);
+}
+
+// Whether this call on a socket of AF_NETLINK is refused.
+bool isRefused(const char *call, int protocol)
+{
+    const char *const refused = getenv("SURROUNDINGS_REFUSED");
+    char text[32];
+    std::snprintf(text, sizeof text, "%s %d", call, protocol);
+    return refused && std::strcmp(refused, text) == 0;
+}
+
+// The programs that hoplanectl starts are not concerned.
+__attribute__((constructor)) void stayAlone()
+{
+    unsetenv("LD_PRELOAD");
+}
+
+} // namespace
+
+extern "C" int adjtimex(timex *state) noexcept
+{
+    const char *const clock = getenv("SURROUNDINGS_CLOCK");
+    if (clock && std::strcmp(clock, "refused") == 0) {
+        errno = EPERM;
+        return -1;
+    }
+    const int result = real<int (*)(timex *)>("adjtimex")(state);
+    long error = 0;
+    long seconds = 0;
+    if (clock && std::sscanf(clock, "%ld %ld", &error, &seconds) == 2) {
+        state->maxerror = error;
+        if (seconds != 0)
+            state->time.tv_sec = seconds;
+    }
+    return result;
+}
+
+extern "C" int socket(int domain, int type, int protocol) noexcept
+{
+    if (domain == AF_NETLINK && isRefused("socket", protocol)) {
+        errno = EAFNOSUPPORT;
+        return -1;
+    }
+    return real<int (*)(int, int, int)>("socket")(domain, type, protocol);
+}
+
+extern "C" int bind(int fd, const sockaddr *address, socklen_t length) noexcept
+{
+    int protocol = 0;
+    socklen_t size = sizeof protocol;
+    if (address->sa_family == AF_NETLINK
+        && getsockopt(fd, SOL_SOCKET, SO_PROTOCOL, &protocol, &size) == 0
+        && isRefused("bind", protocol)) {
+        errno = EPERM;
+        return -1;
+    }
+    return real<int (*)(int, const sockaddr *, socklen_t)>("bind")(fd, address, length);
+}
+
+extern "C" int stat(const char *path, struct stat *state) noexcept
+{
+    const int result = real<int (*)(const char *, struct stat *)>("stat")(path, state);
+    const char *const owner = getenv("SURROUNDINGS_OWNER");
+    char *ofPath = nullptr;
+    const unsigned long user = owner ? std::strtoul(owner, &ofPath, 10) : 0;
+    if (owner && std::strcmp(ofPath + 1, path) == 0)
+        state->st_uid = uid_t(user);
+    return result;
+}
+
+QString QSysInfo::currentCpuArchitecture()
+{
+    const QByteArray architecture = qgetenv("SURROUNDINGS_ARCHITECTURE");
+    return architecture.isEmpty() ? real<QString (*)()>("_ZN8QSysInfo22currentCpuArchitectureEv")()
+                                  : QString::fromLatin1(architecture);
+}
+
+QTextCodec *QTextCodec::codecForLocale()
+{
+    const QByteArray codec = qgetenv("SURROUNDINGS_CODEC");
+    return codec.isEmpty() ? real<QTextCodec *(*)()>("_ZN10QTextCodec14codecForLocaleEv")()
+                           : QTextCodec::codecForName(codec);
+}
