@@ -9,6 +9,8 @@ import sys
 import tool
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+# A sandbox of its own each time.
+SHELL = [str(ROOT / "script" / "sandbox"), sys.executable, "-B", str(tool.LABORATORY / "shell.py")]
 
 
 class Readme(tool.TestCase):
@@ -29,8 +31,7 @@ class Readme(tool.TestCase):
         word.write_text(f'#!/bin/sh\nexec {" ".join(tool.COMMAND)} "$@"\n', encoding="utf-8")
         word.chmod(0o755)
         done = subprocess.run(
-            [sys.executable, "-B", str(tool.LABORATORY / "shell.py"), str(folder), "bash", "-e",
-             "-c", commands], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8",
+            [*SHELL, str(folder), "bash", "-e", "-c", commands], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8",
             timeout=200, check=False)
         self.assertEqual(done.returncode, 0, done.stdout)
         self.assertIn("192.0.2.1:9000", done.stdout.splitlines()[-1], done.stdout)
@@ -40,8 +41,7 @@ class Readme(tool.TestCase):
                   "lab cable plug\nlab switch 1\nlab dhcp off\nlab dhcp on\nlab manager stop\n"
                   "lab manager go\n! lab server 1 on\n! lab server 3 on\n! lab cable\n! lab x y\n")
         done = subprocess.run(
-            [sys.executable, "-B", str(tool.LABORATORY / "shell.py"), "/nowhere", "bash", "-e",
-             "-c", script], stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8",
+            [*SHELL, "/nowhere", "bash", "-e", "-c", script], stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8",
             timeout=200, check=False)
         self.assertEqual(done.returncode, 0, done.stderr)
         self.assertEqual(done.stderr.splitlines(), [
