@@ -25,14 +25,12 @@ class Readme(tool.TestCase):
                                    commands, flags=re.MULTILINE)
         self.assertEqual(checks, 1)
         # As a word, whatever runs it.
-        folder = tool.HOME / "bin"
-        folder.mkdir(exist_ok=True)
-        word = folder / "hoplanectl"
-        word.write_text(f'#!/bin/sh\nexec {" ".join(tool.COMMAND)} "$@"\n', encoding="utf-8")
-        word.chmod(0o755)
-        done = subprocess.run(
-            [*SHELL, str(folder), "bash", "-e", "-c", commands], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8",
-            timeout=200, check=False)
+        word = (f"mkdir ~/bin; PATH=~/bin:$PATH\n"
+                f"printf '#!/bin/sh\\nexec {' '.join(tool.COMMAND)} \"$@\"\\n' >~/bin/hoplanectl\n"
+                "chmod 755 ~/bin/hoplanectl\n")
+        done = subprocess.run([*SHELL, "/nowhere", "bash", "-e", "-c", word + commands],
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8",
+                              timeout=200, check=False)
         self.assertEqual(done.returncode, 0, done.stdout)
         self.assertIn("192.0.2.1:9000", done.stdout.splitlines()[-1], done.stdout)
 
@@ -40,9 +38,9 @@ class Readme(tool.TestCase):
         script = ("lab --help >/dev/null\nlab server 1 on\nlab server 2 off\nlab cable pull\n"
                   "lab cable plug\nlab switch 1\nlab dhcp off\nlab dhcp on\nlab manager stop\n"
                   "lab manager go\n! lab server 1 on\n! lab server 3 on\n! lab cable\n! lab x y\n")
-        done = subprocess.run(
-            [*SHELL, "/nowhere", "bash", "-e", "-c", script], stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8",
-            timeout=200, check=False)
+        done = subprocess.run([*SHELL, "/nowhere", "bash", "-e", "-c", script],
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8",
+                              timeout=200, check=False)
         self.assertEqual(done.returncode, 0, done.stderr)
         self.assertEqual(done.stderr.splitlines(), [
             "lab: server 1 is on already", 'lab: cannot do "server 3 on"; see lab --help',
