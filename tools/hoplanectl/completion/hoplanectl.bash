@@ -4,7 +4,9 @@
 # The applications that have a configuration, one a line.
 _hoplanectl_applications() {
   local documents folder
-  documents=$(xdg-user-dir DOCUMENTS 2>/dev/null)
+  documents=$(sed -n 's/^XDG_DOCUMENTS_DIR="\(.*\)"$/\1/p' \
+    "${XDG_CONFIG_HOME:-$HOME/.config}/user-dirs.dirs" 2>/dev/null)
+  documents=${documents/#\$HOME/$HOME}
   for folder in "${documents:-$HOME/Documents}"/*/; do
     [ -f "${folder}switch.ini" ] && basename "$folder"
   done
