@@ -301,6 +301,7 @@ class File(Case):
             (GOOD | {"switchEnable": "true"}, {"keys": warning(
                 'does not know the key "switchEnable"; a slip', f"names in {path_of(APP)}")}),
             (GOOD | {"a": "1", "b/c": "2"}, {"keys": warning('the keys "a", "b/c"')}),
+            (GOOD | {"a%1B[31m": "1"}, {"keys": warning('the key "a\\u001b[31m"')}),
             # Values with a comma.
             (GOOD | {"FirstPreferredDNS": "10.1.0.53, 10.1.0.54"}, {"keys": fault(
                 'FirstPreferredDNS="10.1.0.53, 10.1.0.54": a value with a comma that is not in '
@@ -353,14 +354,28 @@ class Trust(Case):
         for path in (path_of(APP), path_of(APP).parent, HOME / "Documents", HOME):
             with self.subTest(path=path):
                 mode = path.stat().st_mode
-                path.chmod(0o777)
+                path.chmod(mode | 0o002)
                 self.expect_findings(self.others("everybody", path, f"chmod go-w {path}"))
                 path.chmod(mode)
+
+    def test_device_file(self):
+        """What is in it gets into the file, and into the commands."""
+        folder = DEVICE_FILE.parent
+        folder.chmod(0o777)
+        self.expect_findings(self.others("everybody", folder, f"chmod go-w {folder}"))
+        folder.chmod(0o755)
+        DEVICE_FILE.write_text("\n".join(DeviceFile.SAME), encoding="utf-8")
+        self.expect_findings({})
+        DEVICE_FILE.chmod(0o666)
+        self.expect_findings(self.others("everybody", DEVICE_FILE, f"chmod go-w {DEVICE_FILE}"))
 
     def test_sticky_folder(self):
         path_of(APP).parent.chmod(0o1777)
         self.expect_findings({})
         path_of(APP).parent.chmod(0o755)
+        # Of a file the bit means nothing.
+        path_of(APP).chmod(0o1646)
+        self.expect_findings(self.others("everybody", path_of(APP), f"chmod go-w {path_of(APP)}"))
 
     def test_group(self):
         path_of(APP).chmod(0o664)

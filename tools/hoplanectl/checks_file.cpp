@@ -4,6 +4,7 @@
 #include "checks.h"
 
 #include "../../worker/switchsettings_p.h"
+#include "devicesettings.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -234,16 +235,16 @@ std::optional<Finding> writableByOthers(const QString &path)
     return std::nullopt;
 }
 
-// The file and all folders on the way to it, also behind links.
-QStringList way(const QString &path)
+// Adds the file and all folders on the way to it, also behind links, as far as they are there.
+void addWay(const QString &path, QStringList *way)
 {
-    QStringList way{ path };
     for (const QString &end : { path, QFileInfo(path).canonicalFilePath() }) {
-        for (QString folder = QFileInfo(end).path(); !way.contains(folder);
-             folder = QFileInfo(folder).path())
-            way.append(folder);
+        for (QString part = end; !part.isEmpty() && !way->contains(part);
+             part = QFileInfo(part).path()) {
+            if (QFileInfo::exists(part))
+                way->append(part);
+        }
     }
-    return way;
 }
 
 } // namespace
@@ -294,13 +295,17 @@ Findings Check::keys(Situation &situation)
 Findings Check::trust(Situation &situation)
 {
     Findings found;
-    for (const QString &path : way(situation.path)) {
+    QStringList way;
+    addWay(situation.path, &way);
+    // Its values come into the file, and whoever may write its folder may make it.
+    addWay(DeviceSettings::path(), &way);
+    for (const QString &path : way) {
         if (const std::optional<Finding> finding = writableByOthers(path))
             found.append(*finding);
     }
     if (found.isEmpty())
         found.append(Finding::good(
-                QStringLiteral("only %1 may write the file and its folders")
+                QStringLiteral("only %1 may write the file, the device's file and their folders")
                         .arg(geteuid() == 0 ? QStringLiteral("root")
                                             : QStringLiteral("root and %1").arg(user()))));
     return found;
