@@ -189,6 +189,10 @@ TABLE = [
     (f"[ setLocalIpAuto ]  execute the cmd: {UP} result hm\nVerbindung aktiviert\n",
      [*LOAD, *LOOKUP, f"[ setLocalIpAuto ]  execute the cmd: {AUTO} result hm\n"],
      [("activate", 'network 1: connection activated: "Verbindung aktiviert"')]),
+    # nmcli has refused the addressing before
+    (f"[ setLocalIpAuto ]  execute the cmd: {UP} result {ACTIVATED}\n",
+     [*LOAD, *LOOKUP, "Error: no", f"[ setLocalIpAuto ]  execute the cmd: {AUTO} result "],
+     [("activate", "network 1: connection activated with the addressing that it had")]),
     ("[ setFirstStaticIpAddr ] run successful", [*LOAD, *applying(1)[:-1]],
      [("addressing", "network 1: addressing applied")]),
     ("[ setSecondStaticIpAddr ] run successful", [*LOAD, *turn(1), *applying(2)[:-1]],

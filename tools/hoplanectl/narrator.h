@@ -116,6 +116,7 @@ private:
         Moment tried; // when the latest ended
         QString printed; // by the commands so far
         QString trouble;
+        bool isRefused = false; // the addressing, by nmcli
     };
     static constexpr double secondsOfAttempt = 0.5;
     using Handler = void (Narrator::*)(const LogLine &);

@@ -468,6 +468,7 @@ void Narrator::tellSetting(const QString &command, const QString &output,
         told.text += QStringLiteral(", which prints \"%1\"").arg(output.simplified());
     if (failed) {
         told.style = Output::Fault;
+        m_turn.isRefused = true;
         noteTrouble(message.isEmpty() ? output.simplified() : message);
     }
     tellCommand(told, command, output, message);
@@ -487,6 +488,8 @@ void Narrator::tellActivation(Step::Kind kind, const QString &command, const QSt
         text += QStringLiteral(": \"%1\"").arg(output.simplified());
     else if (failed && message.isEmpty())
         text += QStringLiteral(": nmcli confirmed nothing");
+    else if (!failed && m_turn.isRefused)
+        text += QStringLiteral(" with the addressing that it had");
     Step told = ofNetwork(kind, text, failed ? Output::Fault : Output::Plain);
     if (failed)
         noteTrouble(message.isEmpty() ? text : message);

@@ -74,10 +74,10 @@ int Search::run(int timeoutSeconds)
     noteExchange();
     if (timeoutSeconds > 0) {
         m_timeout.setSingleShot(true);
+        m_timeout.setTimerType(Qt::PreciseTimer);
         QObject::connect(&m_timeout, &QTimer::timeout, &m_timeout, [this, timeoutSeconds] {
             giveUp(QStringLiteral("timeout"),
-                   QStringLiteral("given up after %1 s, before the search's end")
-                           .arg(timeoutSeconds),
+                   QStringLiteral("given up after %1 s").arg(timeoutSeconds),
                    ExitFailed);
         });
         m_timeout.start(timeoutSeconds * millisecondsOfSecond);

@@ -1,0 +1,218 @@
+# SPDX-License-Identifier: MIT
+"""What the tests of search and watch share: the laboratory, and the tool that runs in it."""
+
+import contextlib
+import fcntl
+import os
+import pty
+import re
+import select
+import signal
+import struct
+import sys
+import termios
+import time
+import unittest
+
+import tool
+# In the path since tool is imported.
+from laboratory import CONNECTION, NET1, NET2, PORT, Laboratory, Program, run, wait_until
+
+APP = "failover"
+PATIENCE = 60
+# An emulated tool is the one that runs on a device.
+ARM = len(sys.argv) > 2
+# Told whenever Qt, or the other processor's watcher, comes to it.
+ANY_TIME = re.compile(r"network configuration|the device is o|listening to the LAN switch")
+GOLDEN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "golden")
+
+
+def dhcp(network):
+    return {"ServerIp": network.server, "ServerPort": PORT, "IsAutomatically": "false"}
+
+
+def static(network, **changes):
+    return {"ServerIp": network.server, "ServerPort": PORT, "IsAutomatically": "true",
+            "LocalIp": network.device, "LocalMask": "255.255.255.0",
+            "LocalGateWay": network.server, "PreferredDNS": network.dns[0],
+            "SpareDNS": network.dns[1]} | changes
+
+
+def masked(text):
+    """The lines of a run, without what is different each time."""
+    # A busy machine may need a second attempt.
+    reached = re.findall(r"(\S+) reached at attempt", text)
+    lines = []
+    for line in text.splitlines():
+        if ANY_TIME.search(line) or any(f" at {server} failed" in line for server in reached):
+            continue
+        for pattern, mask in ((r"^( *\d+\.\d s|\d\d:\d\d:\d\d)  ", "TIME  "),
+                              (r"\((\d+ ms|\d+\.\d s)\)$", "(TIME)"),
+                              (r"after \d+\.\d s", "after TIME"),
+                              (r"[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}", "UUID"),
+                              (r"reached at attempt \d+ of", "reached at attempt K of"),
+                              (r"from 192\.0\.2\.1\d\d ", "from LEASED ")):
+            line = re.sub(pattern, mask, line)
+        lines.append(line)
+    return "".join(line + "\n" for line in lines)
+
+
+class Running(Program):
+    """The tool at work; its lines, results and messages, are waited for."""
+
+    def __init__(self, *arguments, prefix=()):
+        super().__init__([*prefix, *tool.COMMAND, *arguments])
+
+    def expect(self, text, seconds=PATIENCE):
+        """The next line that has this in it."""
+        line = self.wait_for(lambda line: re.search(text, line), seconds)
+        if line is None:
+            raise AssertionError(f"no line has {text}:\n" + "\n".join(self.lines))
+        return line
+
+    def expect_link_socket(self):
+        """Waits until it has a socket that is bound to the notifications of links."""
+        def is_bound():
+            own = set()
+            for entry in os.scandir(f"/proc/{self.pid}/fd"):
+                with contextlib.suppress(FileNotFoundError):
+                    own.add(os.readlink(entry.path))
+            with open("/proc/net/netlink", encoding="ascii") as table:
+                rows = [line.split() for line in table.readlines()[1:]]
+            # Protocol 0, group 1.
+            return any(row[1] == "0" and int(row[3], 16) == 1 and f"socket:[{row[9]}]" in own
+                       for row in rows)
+        wait_until(is_bound, PATIENCE, "a socket for notifications of links")
+
+    def end(self, number=signal.SIGINT):
+        """Interrupts it; returns its exit status."""
+        self.send(number)
+        status = self._process.wait(PATIENCE)
+        self.stop()
+        return status
+
+    def status(self):
+        """Waits for its end; returns its exit status."""
+        status = self._process.wait(PATIENCE)
+        self.stop()
+        return status
+
+
+class Terminal:
+    """The tool on a terminal of its own."""
+
+    def __init__(self, *arguments, columns=80, environment=None):
+        self.output = b""
+        self.status = None
+        self._pid, self._end = pty.fork()
+        if self._pid == 0:
+            os.environ.update({"TERM": "xterm"} | (environment or {}))
+            os.execvp(tool.COMMAND[0], [*tool.COMMAND, *arguments])
+        fcntl.ioctl(self._end, termios.TIOCSWINSZ, struct.pack("HHHH", 50, columns, 0, 0))
+
+    def read_until(self, pattern, seconds=PATIENCE):
+        """Reads until the output has the pattern."""
+        limit = time.monotonic() + seconds
+        while not re.search(pattern, self.output.decode(errors="replace")):
+            if time.monotonic() > limit or not self._read(1):
+                raise AssertionError(f"no {pattern}: {self.output.decode(errors='replace')}")
+
+    def read_all(self, seconds=PATIENCE):
+        """Reads until the tool ends."""
+        limit = time.monotonic() + seconds
+        while self._read(1):
+            if time.monotonic() > limit:
+                raise AssertionError(f"no end: {self.output.decode(errors='replace')}")
+        self.status = os.waitstatus_to_exitcode(os.waitpid(self._pid, 0)[1])
+        os.close(self._end)
+
+    def send(self, number):
+        os.kill(self._pid, number)
+
+    def type(self, text):
+        """As typed by a person."""
+        os.write(self._end, text)
+
+    def _read(self, seconds):
+        """False at the end of the output."""
+        if not select.select([self._end], [], [], seconds)[0]:
+            return True
+        try:
+            part = os.read(self._end, 65536)
+        except OSError:
+            return False
+        self.output += part
+        return bool(part)
+
+    @property
+    def drawn(self):
+        """Each line as it was drawn anew in place, in the order in which they were."""
+        text = self.output.decode()
+        return [part.split("\x1b[K")[0] for part in text.split("\r") if "\x1b[K" in part]
+
+    @property
+    def screen(self):
+        """What stays on the screen, without styles."""
+        lines = []
+        for line in self.output.decode().split("\n"):
+            # Each return of the carriage is followed by the erasure of what was there.
+            kept = [part for part in line.rstrip("\r").split("\r")]
+            shown = kept[-1].split("\x1b[K")[-1] if "\x1b[K" in kept[-1] else kept[-1]
+            lines.append(re.sub(r"\x1b\[\d*m", "", shown))
+        return "\n".join(lines)
+
+
+LAB = Laboratory()
+
+
+def setUpModule():
+    """One laboratory for all tests; for the modules to import."""
+    LAB.__enter__()
+    unittest.addModuleCleanup(LAB.__exit__, None, None, None)
+
+
+class TestCase(tool.TestCase):
+    """Each test begins with servers that are off, and a device without an address."""
+    lab = LAB
+
+    def setUp(self):
+        super().setUp()
+        self.addCleanup(self.restore)
+
+    def restore(self):
+        for uuid in run("nmcli", "-g", "UUID", "connection", "show").split():
+            run("nmcli", "connection", "delete", "uuid", uuid)
+        LAB.add_profile(CONNECTION)
+        wait_until(lambda: LAB.addresses() == [], 10, "no address on eth0")
+
+    def start_server(self, network):
+        self.lab.start_server(network.server)
+        self.addCleanup(self.lab.stop_server, network.server)
+
+    def configure(self, first=None, second=None, enabled=True, connection=CONNECTION, app=APP):
+        """Writes the application's configuration; without more of it: the first network is static,
+        the second one automatic."""
+        values = {"SwitchEnable": str(enabled).lower(), "connectionName": connection}
+        for which, half in (("First", first or static(NET1)), ("Second", second or dhcp(NET2))):
+            values |= {which + key: value for key, value in half.items()}
+        return tool.write(app, values)
+
+    def give_address(self, network):
+        """The device has its static address in the network."""
+        run("nmcli", "connection", "modify", CONNECTION, "ipv4.method", "manual",
+            "ipv4.addresses", network.device + "/24")
+        run("nmcli", "connection", "up", CONNECTION)
+
+    def running(self, *arguments, prefix=()):
+        """The tool in the background, ended with the test."""
+        program = Running(*arguments, prefix=prefix)
+        self.addCleanup(program.stop)
+        return program
+
+    def check_golden(self, name, text):
+        path = os.path.join(GOLDEN, name)
+        if "HOPLANE_WRITE_GOLDEN" in os.environ:
+            with open(path, "w", encoding="utf-8") as file:
+                file.write(text)
+        with open(path, encoding="utf-8") as file:
+            self.assertEqual(text, file.read(), name)
