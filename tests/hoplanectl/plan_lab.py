@@ -155,6 +155,8 @@ class PlanLab(tool.TestCase):
 
     def test_networkmanager_stopped_or_gone(self):
         self.lab.configure(dhcp(NET2), dhcp(NET1))
+        self.addCleanup(self.lab.start_manager)
+        self.addCleanup(self.lab.kill_manager)
         self.lab.manager.send(signal.SIGSTOP)
         plan, turns = self.plan()
         self.assertEqual(("UUID-OF-lan", True), (plan["uuid"], plan["placeholder"]))
@@ -162,7 +164,6 @@ class PlanLab(tool.TestCase):
         self.assertIn("nmcli has no answer after 5 s", plan["warnings"][0])
         self.lab.kill_manager()
         plan, _ = self.plan()
-        self.lab.start_manager()
         self.assertIn("NetworkManager is not running", plan["warnings"][0])
 
 

@@ -255,6 +255,13 @@ class Effects(ProbeCase):
         for line in connections:
             self.assertIn(f"htons({port})", line)
 
+    def test_an_attempt_leaves_nothing_open(self):
+        with bound() as server:
+            done = subprocess.run(["prlimit", "--nofile=32", *tool.COMMAND, "--json", "probe",
+                                   target(server), "--attempts", "40", "--interval", "1"],
+                                  stdout=subprocess.PIPE, encoding="utf-8", check=False)
+        self.assertEqual((REFUSES, 40), (done.returncode, done.stdout.count('"refused"')))
+
 
 class Text(ProbeCase):
     def text(self, status, *arguments):

@@ -7,7 +7,6 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QSysInfo>
-#include <QTextCodec>
 
 #include <networkswitchworker.h>
 
@@ -79,20 +78,10 @@ QStringList lookUpArguments(const QString &connection)
              QStringLiteral("s"), connection };
 }
 
-Nmcli::Answer askNmcli(const QString &connection)
-{
-    // The library's commands are UTF-8 in any locale.
-    QTextCodec *const codec = QTextCodec::codecForLocale();
-    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
-    Nmcli::Answer answer = Nmcli::ask(lookUpArguments(connection));
-    QTextCodec::setCodecForLocale(codec);
-    return answer;
-}
-
 // What the look-up prints, or nothing if nmcli cannot tell.
 std::optional<QByteArray> lookUpOutput(const QString &connection, QString *whyNot)
 {
-    const Nmcli::Answer answer = askNmcli(connection);
+    const Nmcli::Answer answer = Nmcli::ask(lookUpArguments(connection));
     if (answer.outcome == Nmcli::Answer::Refused && answer.status == Nmcli::NotFound)
         return QByteArray();
     if (answer.outcome != Nmcli::Answer::Answered) {

@@ -23,6 +23,8 @@ namespace {
 
 // Set once and for all: what another thread still has to do of a rehearsal may come after it.
 std::atomic<bool> rehearsing{ false };
+// Between them the tool itself may sleep.
+std::atomic<bool> playing{ false };
 
 struct State
 {
@@ -101,6 +103,7 @@ void Rehearsal::setDeviceAddress(const QString &address)
 Rehearsal::Account Rehearsal::play(const std::function<void(NetworkSwitchWorker &)> &part)
 {
     rehearsing = true;
+    playing = true;
     state().account = Account();
     const QtMessageHandler handler = qInstallMessageHandler(noteLine);
     const QLoggingCategory::CategoryFilter filter = QLoggingCategory::installFilter(enableInfo);
@@ -110,6 +113,7 @@ Rehearsal::Account Rehearsal::play(const std::function<void(NetworkSwitchWorker 
         worker.loadConfig();
         part(worker);
     }
+    playing = false;
     QLoggingCategory::installFilter(filter);
     qInstallMessageHandler(handler);
     const QMutexLocker locker(&state().mutex);
@@ -161,7 +165,7 @@ extern "C" int getaddrinfo(const char *name, const char *service, const addrinfo
 
 void QThread::msleep(unsigned long milliseconds)
 {
-    if (rehearsing)
+    if (playing)
         return noteStep({ Rehearsal::Step::Attempt, QString(), int(milliseconds) });
     real<void (*)(unsigned long)>("_ZN7QThread6msleepEm")(milliseconds);
 }
