@@ -575,7 +575,7 @@ class Programs(Case):
     def test_killed(self):
         nmcli({"--version": "kill -9 $$"})
         silent = not_judged("without nmcli NetworkManager cannot be asked")
-        self.expect_findings({"nmcli": fault(f"{BIN}/nmcli: nmcli ends with status 9"),
+        self.expect_findings({"nmcli": fault(f"{BIN}/nmcli: nmcli is ended by signal 9"),
                               "manager": silent} | {item: silent for item in WITHOUT_MANAGER})
 
     def test_old_nmcli(self):
@@ -617,12 +617,20 @@ class Manager(Case):
                                               "NetworkManager is not running"))
 
     def test_silent(self):
-        nmcli({RUNNING: "exec /bin/sleep 100"})
-        self.expect_findings(self.trouble(
-            fault("nmcli has no answer after 5 s", "systemctl restart NetworkManager"),
-            "NetworkManager does not answer"))
-        self.assertNotIn("sleep", [pathlib.Path(name).read_text(encoding="utf-8").strip()
-                                   for name in processes()])
+        for end in ("exec /bin/sleep 300", "exec >&- 2>&-; exec /bin/sleep 300"):
+            with self.subTest(end=end):
+                nmcli({RUNNING: end})
+                self.expect_findings(self.trouble(
+                    fault("nmcli has no answer after 5 s", "systemctl restart NetworkManager"),
+                    "NetworkManager does not answer"))
+                self.assertNotIn("sleep", [pathlib.Path(name).read_text(encoding="utf-8").strip()
+                                           for name in processes()])
+
+    def test_talkative(self):
+        """More messages, and more results, than a pipe holds."""
+        lines = "i=0; while [ $i -lt 20000 ]; do echo other:%s::; i=$((i + 1)); done"
+        nmcli({LIST: f"{lines % 1} >&2; {lines % 2}; echo '{LAN}'; {lines % 3} >&2"})
+        self.expect_findings({"connection": good('"lan", wired')})
 
     def test_other_version(self):
         nmcli({RUNNING: ("running:1.40.0", 0)})

@@ -114,28 +114,25 @@ void Live::abandon(const QString &text) const
 void Live::queue(const Logged &logged)
 {
     const bool isMain = isMainThread();
-    {
-        QMutexLocker locker(&m_mutex);
-        while (!isMain && m_queue.size() >= mostQueued)
-            m_room.wait(&m_mutex);
-        m_queue.append(logged);
-        if (m_queue.size() == 1)
-            QMetaObject::invokeMethod(
-                    &m_receiver, [this] { handleAll(); }, Qt::QueuedConnection);
-    }
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (!isMain)
+        m_room.wait(lock, [this] { return m_queue.size() < mostQueued; });
+    m_queue.append(logged);
+    if (m_queue.size() == 1)
+        QCoreApplication::postEvent(&m_receiver, new QEvent(QEvent::User));
 }
 
 void Live::handleAll()
 {
-    // What a command says comes before the line that tells of its end.
-    read(&m_printed);
-    read(&m_said);
     QVector<Logged> queued;
     {
-        const QMutexLocker locker(&m_mutex);
+        const std::lock_guard<std::mutex> lock(m_mutex);
         queued.swap(m_queue);
-        m_room.wakeAll();
     }
+    m_room.notify_all();
+    // What is printed comes before the line about what follows from it, or about a command's end.
+    read(&m_printed);
+    read(&m_said);
     for (const Logged &logged : queued)
         handle(logged);
 }

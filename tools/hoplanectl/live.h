@@ -4,14 +4,15 @@
 #include "narrator.h"
 
 #include <QByteArray>
-#include <QMutex>
+#include <QEvent>
 #include <QObject>
 #include <QString>
 #include <QVector>
-#include <QWaitCondition>
 
+#include <condition_variable>
 #include <cstdio>
 #include <functional>
+#include <mutex>
 
 class QSocketNotifier;
 
@@ -46,6 +47,21 @@ private:
         QString text;
         Moment when;
     };
+    // Takes what other threads want done in the main thread.
+    class Receiver : public QObject
+    {
+    public:
+        explicit Receiver(Live *live)
+            : m_live(live)
+        {
+        }
+
+    protected:
+        void customEvent(QEvent *) override { m_live->handleAll(); }
+
+    private:
+        Live *m_live;
+    };
     struct Stream
     {
         int end = -1; // that is read
@@ -71,9 +87,8 @@ private:
     int m_errors = -1;
     Stream m_printed;
     Stream m_said;
-    QObject m_receiver; // of what other threads want done in the main thread
-    QMutex m_mutex;
-    QWaitCondition m_room;
+    Receiver m_receiver{ this };
+    std::mutex m_mutex;
+    std::condition_variable m_room;
     QVector<Logged> m_queue;
-    bool m_handling = false;
 };

@@ -225,7 +225,7 @@ QString readAll(FILE *input, LogReader *reader)
     ssize_t length = 0;
     while ((length = getline(&line, &size, input)) >= 0)
         reader->addLine(QByteArray(line, int(length)));
-    const QString error = ferror(input) ? QString::fromLocal8Bit(std::strerror(errno)) : QString();
+    QString error = ferror(input) ? QString::fromLocal8Bit(std::strerror(errno)) : QString();
     free(line);
     return error;
 }

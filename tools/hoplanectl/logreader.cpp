@@ -102,7 +102,8 @@ QString textOf(const QJsonValue &value)
     if (!value.isArray())
         return value.toString();
     QByteArray bytes;
-    for (const QJsonValue &byte : value.toArray())
+    const QJsonArray numbers = value.toArray();
+    for (const auto &byte : numbers)
         bytes.append(char(byte.toInt()));
     return QString::fromUtf8(bytes);
 }

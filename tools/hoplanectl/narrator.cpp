@@ -430,7 +430,7 @@ void Narrator::tellWaiting()
 
 QString Narrator::takeMessages()
 {
-    const QString messages = m_messages.trimmed();
+    QString messages = m_messages.trimmed();
     m_messages.clear();
     return messages;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "rehearsal.h"
 
+#include <QCoreApplication>
 #include <QHash>
 #include <QLoggingCategory>
 #include <QMutex>
@@ -104,7 +105,10 @@ Rehearsal::Account Rehearsal::play(const std::function<void(NetworkSwitchWorker 
 {
     rehearsing = true;
     playing = true;
-    state().account = Account();
+    {
+        const QMutexLocker locker(&state().mutex);
+        state().account = Account();
+    }
     const QtMessageHandler handler = qInstallMessageHandler(noteLine);
     const QLoggingCategory::CategoryFilter filter = QLoggingCategory::installFilter(enableInfo);
     {
@@ -159,7 +163,9 @@ extern "C" int getaddrinfo(const char *name, const char *service, const addrinfo
     if (!rehearsing)
         return real<int (*)(const char *, const char *, const addrinfo *, addrinfo **)>(
                 "getaddrinfo")(name, service, hints, result);
-    noteOnce(&Rehearsal::Account::names, QString::fromUtf8(name));
+    // Qt also asks in a thread of its own, which may be late: in another account.
+    if (QThread::currentThread() == QCoreApplication::instance()->thread())
+        noteOnce(&Rehearsal::Account::names, QString::fromUtf8(name));
     return EAI_NONAME;
 }
 
