@@ -538,6 +538,23 @@ class Searches(TestCase):
         self.assertEqual([step for step, _ in self.told([*LOOKUP, *failing(1, 2)])[:3]],
                          ["begin", "lookup", "attempt"])
 
+    def test_log_that_begins_before_a_reactivation(self):
+        """The log begins with the last of the eleven attempts before the connection is activated
+        again: the look-up belongs to that, and the turn goes on."""
+        told = self.told([*failing(1, 5), *AGAIN, *failing(1, 9), *applying(2), *reached(2),
+                          FINISHED])
+        steps = [step for step, _ in told if step != "attempt"]
+        self.assertEqual(steps[:5], ["begin", "lookup", "reactivate", "probe", "lookup"])
+        self.assertIn(("probe", f"{SERVERS[1]}:{PORT} not reached in 14 attempts"), told)
+
+    def test_reopening_without_its_end(self):
+        """The last attempts of a re-opening are not in the log, and a search follows."""
+        outcomes = self.searches([switch_event(0), *LOAD, *applying(1), *failing(1, 4), *LOAD,
+                                  *applying(1), *reached(1), FINISHED])
+        self.assertEqual([(one["type"], one["outcome"]) for one in outcomes],
+                         [("reopening", "failed"), ("search", "reached")])
+        self.assertTrue(outcomes[0]["networks"][0]["attemptsMissing"])
+
     def test_debug_lines_left_out(self):
         """The failed attempts, which are debug lines, are not in the log."""
         lines = [*LOAD, *applying(1), *applying(2), *reached(2), FINISHED]
@@ -670,6 +687,12 @@ class Times(TestCase):
                 search = self.searches(lines)[0]
                 self.assertEqual(search["duration"], 5)
 
+    def test_zone_changed(self):
+        """Summer time begins during a search: the times have their zones, so no hour is added."""
+        lines = [f"2024-03-31T01:59:58+01:00 h app[1]: {line}" for line in [*LOAD, *applying(1)]]
+        lines += [f"2024-03-31T03:00:03+0200 h app[1]: {line}" for line in [*reached(1), FINISHED]]
+        self.assertEqual(self.searches(lines)[0]["duration"], 5)
+
     def test_clock_set_back(self):
         """The clock is set back by an hour during a search: no duration is told of that."""
         lines = [f"Mar  3 10:00:00 h app[1]: {line}" for line in [*LOAD, *applying(1)]]
@@ -706,21 +729,23 @@ class Times(TestCase):
         begin = f"[ setLocalIpAuto ]  execute the cmd: {UP} result "
         expected = ("activate", 'network 1: connection activated: "one two three"')
         bare = [*LOAD, *LOOKUP, begin + "one", "two", "three", ""]
+        stamped = [f"2024-03-09T10:00:00.000 {line}" for line in [*LOAD, *LOOKUP]]
         short = [f"Nov 21 16:29:15 device failover[7]: {line}" for line in [*LOAD, *LOOKUP]]
         indented = [*short, f"Nov 21 16:29:15 device failover[7]: {begin}one",
                     " " * 36 + "two", " " * 36 + "three"]
         apart = [*short, *(f"Nov 21 16:29:15 device failover[7]: {line}"
                            for line in (begin + "one", "two", "three"))]
+        followed = [*stamped, f"2024-03-09T10:00:00.000 {begin}one two three",
+                    "2024-03-09T10:00:00.000 use server"]
         interleaved = apart.copy()
         interleaved.insert(-1, "Nov 21 16:29:15 device kernel: two and a half")
-        stamped = [f"2024-03-09T10:00:00.000 {line}" for line in [*LOAD, *LOOKUP]]
         stamped += [f"2024-03-09T10:00:00.000 {begin}one", "two", "three", "",
                     "2024-03-09T10:00:00.000 use server"]
         objects = [json.dumps({"MESSAGE": text, "_PID": "7", "SYSLOG_IDENTIFIER": "failover"})
                    for text in (*LOAD, *LOOKUP, begin + "one\ntwo\nthree\n", "and more")]
         for name, lines in (("bare", bare), ("indented", indented), ("apart", apart),
                             ("interleaved", interleaved), ("stamped", stamped),
-                            ("objects", objects)):
+                            ("followed", followed), ("objects", objects)):
             with self.subTest(form=name):
                 self.assertIn(expected, self.told(lines))
 

@@ -279,8 +279,8 @@ void Narrator::closeProbe()
     NetworkAccount *const account = network();
     if (account && !allThere)
         account->attemptsMissing = true;
-    const QString server = account ? account->server : QString();
-    QString text = QStringLiteral("%1 not reached").arg(server);
+    const bool isKnown = m_turn.server.isEmpty() && account;
+    QString text = QStringLiteral("%1 not reached").arg(isKnown ? account->server : m_turn.server);
     if (m_turn.attempts > 0)
         text += QStringLiteral(" in %1 attempts").arg(m_turn.attempts);
     if (!allThere)

@@ -112,6 +112,7 @@ private:
         int network = 0; // 0 if the log does not tell
         bool over = true;
         int attempts = 0;
+        QString server; // that is tried
         Moment probed; // when the attempts began
         Moment tried; // when the latest ended
         QString printed; // by the commands so far

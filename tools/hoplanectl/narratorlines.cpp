@@ -560,6 +560,7 @@ void Narrator::attemptFailed(const LogLine &line)
         openTurn(nextNetwork());
     const QString tried = ::server(line.texts[0], line.texts[1]);
     inferNetwork(tried);
+    m_turn.server = tried;
     m_phase = Probing;
     m_turn.tried = m_now.when;
     if (++m_turn.attempts == 1 && !m_turn.probed.seconds)
