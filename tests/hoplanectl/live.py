@@ -70,6 +70,18 @@ class Running(Program):
             raise AssertionError(f"no line has {text}:\n" + "\n".join(self.lines))
         return line
 
+    def expect_all(self, *texts, seconds=PATIENCE):
+        """A line for each of them, in whatever order; the lines until then are passed over."""
+        missing = list(texts)
+
+        def is_last(line):
+            found = [text for text in missing if re.search(text, line)]
+            if found:
+                missing.remove(found[0])
+            return not missing
+        if self.wait_for(is_last, seconds) is None:
+            raise AssertionError(f"no line has {missing}:\n" + "\n".join(self.lines))
+
     def expect_link_socket(self):
         """Waits until it has a socket that is bound to the notifications of links."""
         def is_bound():

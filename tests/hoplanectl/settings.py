@@ -434,11 +434,11 @@ network 1: static address 10.0.0.2/24, gateway 10.0.0.1, name servers 10.0.0.53,
         folder = tool.HOME / "folder"
         folder.mkdir(exist_ok=True)
         broken, alien = tool.HOME / "broken.ini", tool.HOME / "alien.ini"
-        broken.write_bytes(b"[NetworkConnections\nx=1\n")
+        broken.write_bytes(b"[NetworkConnections]\nconName=x\nstray\n")
         alien.write_bytes(b"[Other]\nconName=x\n")
-        for name, reason in ((self.DEVICE, "there is no "), (folder, ""),
-                             (broken, "is not an INI file"),
-                             (alien, "has no group NetworkConnections")):
+        for name, reason in ((self.DEVICE, "there is no "), (folder, "it is no regular file"),
+                             (broken, "it is no INI file"),
+                             (alien, "it has no group NetworkConnections")):
             result = self.expect(1, "import", "--from", str(name))
             self.assertIn("nothing is changed: ", result.err)
             self.assertIn(str(name), result.err)

@@ -2,6 +2,7 @@
 #include "commands.h"
 
 #include "checks.h"
+#include "text.h"
 
 #include <QCoreApplication>
 #include <QRegularExpression>
@@ -99,21 +100,15 @@ void tell(Output *out, const char *item, const Finding &finding)
                     finding.remedy.isEmpty() ? QJsonValue() : QJsonValue(finding.remedy) } });
 }
 
-QString counted(int count, const QString &what)
-{
-    return QStringLiteral("%1 %2%3").arg(count).arg(what,
-                                                    count == 1 ? QString() : QStringLiteral("s"));
-}
-
 int sumUp(Output *out, const Situation &situation, const int (&counts)[levels])
 {
     const int faults = counts[Finding::Fault];
     const int warnings = counts[Finding::Warning];
     const int worst = faults > 0 ? Finding::Fault : warnings > 0 ? Finding::Warning : Finding::Good;
-    out->line(out->styled(worst == Finding::Good
-                                  ? QStringLiteral("all is good")
-                                  : counted(faults, QStringLiteral("fault")) + QStringLiteral(", ")
-                                          + counted(warnings, QStringLiteral("warning")),
+    out->line(out->styled(worst == Finding::Good ? QStringLiteral("all is good")
+                                                 : Text::counted(faults, QStringLiteral("fault"))
+                                          + QStringLiteral(", ")
+                                          + Text::counted(warnings, QStringLiteral("warning")),
                           levelTexts[worst].style));
     const bool known = !situation.path.isEmpty();
     out->object({ { QStringLiteral("type"), QStringLiteral("summary") },
@@ -149,12 +144,7 @@ QString Situation::set(const QString &rest) const
 
 QString Check::shown(const QString &text)
 {
-    QString shown;
-    for (const QChar character : text)
-        shown += character.isPrint()
-                ? QString(character)
-                : QStringLiteral("\\u%1").arg(character.unicode(), 4, 16, QLatin1Char('0'));
-    return QLatin1Char('"') + shown + QLatin1Char('"');
+    return QLatin1Char('"') + Text::visible(text) + QLatin1Char('"');
 }
 
 QString Check::quoted(const QString &word)

@@ -5,14 +5,14 @@
 
 #include "describe.h"
 #include "devicesettings.h"
+#include "processor.h"
+#include "tcpattempt.h"
+#include "text.h"
 #include "values.h"
 
 #include <QDateTime>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QSettings>
-#include <QSysInfo>
 #include <QTextCodec>
 
 #include <arpa/inet.h>
@@ -20,7 +20,6 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/timex.h>
 #include <unistd.h>
@@ -30,25 +29,6 @@
 #include <cstring>
 
 namespace {
-
-QString words(int error)
-{
-    return QString::fromLocal8Bit(std::strerror(error));
-}
-
-// Why the import finds nothing in the device's file; nothing if it does.
-QString unfit(const QString &path)
-{
-    QFile file(path);
-    if (!QFileInfo(path).isFile())
-        return QStringLiteral("it is no regular file");
-    if (!file.open(QIODevice::ReadOnly))
-        return file.errorString();
-    const QSettings settings(path, QSettings::IniFormat);
-    if (!settings.childGroups().contains(QStringLiteral("NetworkConnections")))
-        return QStringLiteral("it has no group NetworkConnections");
-    return QString();
-}
 
 // In words, what the next start of the application makes different; values that are not used do
 // not count.
@@ -112,7 +92,7 @@ int errorOfListening(int type, int protocol, quint32 groups)
 Finding cannotListen(const QString &what, int error)
 {
     return Finding::fault(
-            QStringLiteral("%1 cannot be received: %2").arg(what, words(error)),
+            QStringLiteral("%1 cannot be received: %2").arg(what, Text::ofError(error)),
             QStringLiteral("allow the application sockets of the family AF_NETLINK, for example "
                            "in RestrictAddressFamilies= of its service"));
 }
@@ -126,29 +106,13 @@ bool isAscii(const QString &text)
 // Waits as long as an attempt of the library does.
 constexpr int attemptMs = 500;
 
-// 0 if the server accepts, else the error's number; ETIMEDOUT if it is silent.
-int errorOfConnecting(const NetworkSettings &network)
+TcpAttempt attemptAt(const NetworkSettings &network)
 {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(network.serverPort.toUShort());
     address.sin_addr.s_addr = htonl(*Values::bits(network.serverIp));
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return errno;
-    int error = 0;
-    if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
-        error = errno;
-    if (error == EINPROGRESS) {
-        pollfd waiting = { fd, POLLOUT, 0 };
-        socklen_t size = sizeof error;
-        if (poll(&waiting, 1, attemptMs) <= 0)
-            error = ETIMEDOUT;
-        else if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
-            error = errno;
-    }
-    close(fd);
-    return error;
+    return TcpAttempt::make(address, attemptMs);
 }
 
 } // namespace
@@ -160,7 +124,7 @@ Findings Check::deviceFile(Situation &situation)
         return { Finding::good(
                 QStringLiteral("there is no %1: no start of the application changes the file")
                         .arg(path)) };
-    const QString reason = unfit(path);
+    const QString reason = DeviceSettings::unfitness(path);
     if (!reason.isEmpty())
         return { Finding::fault(
                 QStringLiteral("%1: %2. The next start of the application empties the connection's "
@@ -189,13 +153,12 @@ Findings Check::deviceFile(Situation &situation)
 
 Findings Check::linkEvents(Situation &)
 {
-    const QString architecture = QSysInfo::currentCpuArchitecture();
-    if (!architecture.contains(QLatin1String("arm"))) {
+    if (!Processor::isDevices()) {
         const int error = errorOfListening(SOCK_RAW, NETLINK_ROUTE, RTMGRP_LINK);
         if (error != 0)
             return { cannotListen(QStringLiteral("the kernel's link notifications"), error) };
-        return { Finding::good(
-                QStringLiteral("link notifications of all interfaces (%1)").arg(architecture)) };
+        return { Finding::good(QStringLiteral("link notifications of all interfaces (%1)")
+                                       .arg(Processor::name())) };
     }
     const int error = errorOfListening(SOCK_DGRAM, NETLINK_KOBJECT_UEVENT, 0xFFFFFFFF);
     if (error != 0)
@@ -204,9 +167,10 @@ Findings Check::linkEvents(Situation &)
     if (!QFileInfo::exists(device))
         return { Finding::warning(
                 QStringLiteral("there is no %1: no event of the LAN switch will come (%2)")
-                        .arg(device, architecture),
+                        .arg(device, Processor::name()),
                 QStringLiteral("load the LAN switch's driver")) };
-    return { Finding::good(QStringLiteral("uevents of the LAN switch (%1)").arg(architecture)) };
+    return { Finding::good(
+            QStringLiteral("uevents of the LAN switch (%1)").arg(Processor::name())) };
 }
 
 Findings Check::clock(Situation &)
@@ -216,7 +180,7 @@ Findings Check::clock(Situation &)
     constexpr int firstYear = 2020;
     timex state = {};
     if (adjtimex(&state) < 0)
-        return { Finding::notJudged(words(errno)) };
+        return { Finding::notJudged(Text::ofError(errno)) };
     const QDateTime now = QDateTime::fromSecsSinceEpoch(state.time.tv_sec, Qt::UTC);
     const QString time = now.toString(QStringLiteral("yyyy-MM-dd HH:mm 'UTC'"));
     const QString remedy = QStringLiteral("timedatectl set-ntp true");
@@ -261,16 +225,15 @@ Findings Check::probe(const Situation &situation, int index)
     Values::Server ignored;
     if (Values::server(server, &ignored))
         return { Finding::notJudged(QStringLiteral("the server is no valid one")) };
-    QElapsedTimer timer;
-    timer.start();
-    const int error = errorOfConnecting(network);
-    const qint64 elapsed = timer.elapsed();
-    if (error == 0)
-        return { Finding::good(
-                QStringLiteral("%1 accepts, after %2 ms").arg(server).arg(elapsed)) };
+    const TcpAttempt attempt = attemptAt(network);
+    const QString elapsed = QString::number(qRound(attempt.milliseconds));
+    if (attempt.outcome == TcpAttempt::Accepted)
+        return { Finding::good(QStringLiteral("%1 accepts, after %2 ms").arg(server, elapsed)) };
     return { Finding::warning(
             QStringLiteral("%1: %2, after %3 ms; with the addressing as it is now")
-                    .arg(server, error == ETIMEDOUT ? QStringLiteral("no answer") : words(error))
-                    .arg(elapsed),
+                    .arg(server,
+                         attempt.error == ETIMEDOUT ? QStringLiteral("no answer")
+                                                    : Text::ofError(attempt.error),
+                         elapsed),
             QStringLiteral("hoplanectl search, which also applies the network's addressing")) };
 }

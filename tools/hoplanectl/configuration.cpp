@@ -3,6 +3,7 @@
 
 #include "../../worker/switchsettings_p.h"
 #include "output.h"
+#include "text.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -32,7 +33,7 @@ NetworkSettings readNetwork(const IniFile &file, const SwitchSettings::NetworkKe
 
 QString systemError(const QString &what)
 {
-    return QStringLiteral("%1: %2").arg(what, QString::fromLocal8Bit(std::strerror(errno)));
+    return QStringLiteral("%1: %2").arg(what, Text::ofError(errno));
 }
 
 // What has been written survives a power cut from here on.

@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "devicesettings.h"
 
+#include <QFile>
+#include <QFileInfo>
+#include <QSettings>
+
 namespace {
 
 NetworkSettings addressingOf(const LocalAddressing &device)
@@ -20,6 +24,21 @@ NetworkSettings addressingOf(const LocalAddressing &device)
 QString DeviceSettings::path()
 {
     return QLatin1String(deviceSettingsPath);
+}
+
+QString DeviceSettings::unfitness(const QString &path, bool *isIni)
+{
+    QFile file(path);
+    if (!QFileInfo(path).isFile())
+        return QStringLiteral("it is no regular file");
+    if (!file.open(QIODevice::ReadOnly))
+        return file.errorString();
+    const QSettings settings(path, QSettings::IniFormat);
+    if (!settings.childGroups().contains(QStringLiteral("NetworkConnections")))
+        return QStringLiteral("it has no group NetworkConnections");
+    if (isIni)
+        *isIni = settings.status() == QSettings::NoError;
+    return QString();
 }
 
 DeviceSettings DeviceSettings::read(const QString &path)

@@ -13,6 +13,9 @@ struct DeviceSettings
 
     // Where the device keeps it.
     static QString path();
+    // Why an import of the file would find nothing; nothing if it would find something. Then
+    // `isIni` tells whether it is an INI file throughout, which the library does not ask.
+    static QString unfitness(const QString &path, bool *isIni = nullptr);
     static DeviceSettings read(const QString &path);
 
     // What an import of them changes.

@@ -5,7 +5,6 @@
 #include "devicesettings.h"
 
 #include <QFile>
-#include <QSettings>
 
 namespace {
 
@@ -13,17 +12,13 @@ namespace {
 // and imports emptiness.
 QString unfit(const QString &path)
 {
-    QFile file(path);
-    if (!file.exists())
+    if (!QFile::exists(path))
         return QStringLiteral("there is no %1").arg(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return QStringLiteral("%1: %2").arg(path, file.errorString());
-    QSettings settings(path, QSettings::IniFormat);
-    if (settings.status() != QSettings::NoError)
-        return QStringLiteral("%1 is not an INI file").arg(path);
-    if (!settings.childGroups().contains(QStringLiteral("NetworkConnections")))
-        return QStringLiteral("%1 has no group NetworkConnections").arg(path);
-    return QString();
+    bool isIni = true;
+    const QString reason = DeviceSettings::unfitness(path, &isIni);
+    if (!reason.isEmpty())
+        return QStringLiteral("%1: %2").arg(path, reason);
+    return isIni ? QString() : QStringLiteral("%1: it is no INI file throughout").arg(path);
 }
 
 } // namespace

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "live.h"
 
+#include "text.h"
+
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QLoggingCategory>
@@ -44,8 +46,7 @@ bool isMainThread()
 
 bool fail(const char *what)
 {
-    Output::message(QStringLiteral("%1: %2").arg(QLatin1String(what),
-                                                 QString::fromLocal8Bit(std::strerror(errno))));
+    Output::message(QStringLiteral("%1: %2").arg(QLatin1String(what), Text::ofError(errno)));
     return false;
 }
 

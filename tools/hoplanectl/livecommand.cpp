@@ -2,8 +2,7 @@
 #include "livecommand.h"
 
 #include "configuration.h"
-
-#include <QSysInfo>
+#include "processor.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -125,15 +124,14 @@ void LiveCommand::tellEnd(const SearchAccount &search)
 // Off the device the library tries a static second network before an automatic first one.
 void LiveCommand::noteExchange()
 {
-    const QString processor = QSysInfo::currentCpuArchitecture();
     const Settings settings = Settings::read(Configuration::path());
-    const bool exchanged = !processor.contains(QLatin1String("arm"))
-            && !settings.networks[0].isStatic && settings.networks[1].isStatic;
+    const bool exchanged = !Processor::isDevices() && !settings.networks[0].isStatic
+            && settings.networks[1].isStatic;
     if (!exchanged)
         return;
     const QString text = QStringLiteral("on this processor (%1) the library exchanges the two "
                                         "networks: what is 1 here is 2 in the file")
-                                 .arg(processor);
+                                 .arg(Processor::name());
     line(text, Output::Warning);
     out()->object({ { QStringLiteral("type"), QStringLiteral("note") },
                     { QStringLiteral("text"), text } });

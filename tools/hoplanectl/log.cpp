@@ -2,6 +2,7 @@
 #include "commands.h"
 
 #include "logreader.h"
+#include "text.h"
 
 #include <QFile>
 
@@ -192,19 +193,19 @@ void Account::tellEnd(const QString &process, const SearchAccount &search)
 
 void Account::tellSum()
 {
-    const auto counted = [](int count, const char *one, const char *many) {
-        return QStringLiteral("%1 %2").arg(count).arg(QLatin1String(count == 1 ? one : many));
-    };
-    QString text = QLatin1Char('\n') + counted(m_searches, "search", "searches");
+    QString text = QLatin1Char('\n')
+            + Text::counted(m_searches, QStringLiteral("search"), QStringLiteral("searches"));
     if (m_reopenings > 0)
         text += QLatin1String(", ")
-                + counted(m_reopenings, "change of the LAN switch", "changes of the LAN switch");
-    text += QStringLiteral(" in %1 of the library").arg(counted(m_understood, "line", "lines"));
+                + Text::counted(m_reopenings, QStringLiteral("change of the LAN switch"),
+                                QStringLiteral("changes of the LAN switch"));
+    text += QStringLiteral(" in %1 of the library")
+                    .arg(Text::counted(m_understood, QStringLiteral("line")));
     if (m_unknown > 0)
-        text += QStringLiteral("; %1").arg(counted(m_unknown, "line", "lines"))
+        text += QStringLiteral("; %1").arg(Text::counted(m_unknown, QStringLiteral("line")))
                 + QStringLiteral(" not understood");
     if (m_foreign > 0)
-        text += QStringLiteral("; %1").arg(counted(m_foreign, "line", "lines"))
+        text += QStringLiteral("; %1").arg(Text::counted(m_foreign, QStringLiteral("line")))
                 + QStringLiteral(" of others left out");
     m_out->line(text, Output::Dim);
     m_out->object({ { QStringLiteral("type"), QStringLiteral("sum") },
@@ -225,7 +226,7 @@ QString readAll(FILE *input, LogReader *reader)
     ssize_t length = 0;
     while ((length = getline(&line, &size, input)) >= 0)
         reader->addLine(QByteArray(line, int(length)));
-    QString error = ferror(input) ? QString::fromLocal8Bit(std::strerror(errno)) : QString();
+    QString error = ferror(input) ? Text::ofError(errno) : QString();
     free(line);
     return error;
 }
@@ -292,7 +293,7 @@ int runLog(Context &context, const Command &command, const QStringList &argument
     const std::unique_ptr<FILE, int (*)(FILE *)> file(
             std::fopen(QFile::encodeName(name).constData(), "re"), std::fclose);
     if (!file)
-        return cannotRead(name, QString::fromLocal8Bit(std::strerror(errno)));
+        return cannotRead(name, Text::ofError(errno));
     if (isJournal(file.get()))
         return cannotRead(name,
                           QStringLiteral("it is a journal's own file; pipe "

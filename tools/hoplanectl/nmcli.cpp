@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "nmcli.h"
 
+#include "text.h"
+
 #include <QDeadlineTimer>
 #include <QFile>
 #include <QStandardPaths>
@@ -183,7 +185,7 @@ Answer ask(const QStringList &arguments)
         for (int &pipe : child.pipes)
             closePipe(&pipe);
         answer.outcome = Answer::NotStarted;
-        answer.message = QString::fromLocal8Bit(std::strerror(error));
+        answer.message = Text::ofError(error);
         return answer;
     }
     int status = 0;

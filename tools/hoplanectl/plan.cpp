@@ -3,6 +3,7 @@
 
 #include "describe.h"
 #include "planning.h"
+#include "text.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
@@ -17,33 +18,16 @@ using Rehearsal::Step;
 
 // The text.
 
-// The text in one line of a terminal: what cannot be printed as its code.
-QString visible(const QString &text)
-{
-    QString shown;
-    for (const QChar character : text)
-        shown += character.isPrint()
-                ? QString(character)
-                : QStringLiteral("\\u%1").arg(character.unicode(), 4, 16, QLatin1Char('0'));
-    return shown;
-}
-
 QString seconds(int milliseconds)
 {
     constexpr double oneSecond = 1000;
     return QStringLiteral("%1 s").arg(milliseconds / oneSecond);
 }
 
-QString counted(int count, const QString &what)
-{
-    return QStringLiteral("%1 %2%3").arg(count).arg(what,
-                                                    count == 1 ? QString() : QStringLiteral("s"));
-}
-
 void showWarnings(Output *out, const QStringList &warnings, const QString &indent)
 {
     for (const QString &warning : warnings)
-        out->line(indent + QStringLiteral("warning: ") + visible(warning), Output::Warning);
+        out->line(indent + QStringLiteral("warning: ") + Text::visible(warning), Output::Warning);
 }
 
 void showSkipped(Output *out, const Turn &turn)
@@ -51,7 +35,7 @@ void showSkipped(Output *out, const Turn &turn)
     out->line(turn.deviceAddress.isEmpty()
                       ? QStringLiteral("     skipped, because the device has no address")
                       : QStringLiteral("     skipped, because the device has its address: %1")
-                                .arg(visible(turn.deviceAddress)));
+                                .arg(Text::visible(turn.deviceAddress)));
 }
 
 void showSteps(Output *out, const Turn &turn)
@@ -61,7 +45,7 @@ void showSteps(Output *out, const Turn &turn)
     for (int index = 0; index < turn.steps.size();) {
         const Step &step = turn.steps[index];
         if (step.kind == Step::Command) {
-            out->line(QStringLiteral("     runs   ") + visible(step.command));
+            out->line(QStringLiteral("     runs   ") + Text::visible(step.command));
             ++index;
             continue;
         }
@@ -70,7 +54,8 @@ void showSteps(Output *out, const Turn &turn)
                && turn.steps[index].milliseconds == step.milliseconds)
             ++index;
         out->line(QStringLiteral("     tries  %1, %2 of %3 ms")
-                          .arg(visible(target), counted(index - begin, QStringLiteral("attempt")))
+                          .arg(Text::visible(target),
+                               Text::counted(index - begin, QStringLiteral("attempt")))
                           .arg(step.milliseconds));
     }
 }
@@ -83,10 +68,11 @@ void showPass(Output *out, const Plan &plan, const Pass &pass)
     for (int index = 0; index < pass.turns.size(); ++index) {
         const Turn &turn = pass.turns[index];
         const NetworkSettings &network = plan.settings.networks[turn.network];
-        out->line(visible(QStringLiteral("  %1. network %2: server %3; %4")
-                                  .arg(index + 1)
-                                  .arg(turn.network + 1)
-                                  .arg(Describe::server(network), Describe::addressing(network))));
+        out->line(Text::visible(
+                QStringLiteral("  %1. network %2: server %3; %4")
+                        .arg(index + 1)
+                        .arg(turn.network + 1)
+                        .arg(Describe::server(network), Describe::addressing(network))));
         if (turn.skipped)
             showSkipped(out, turn);
         else
@@ -100,7 +86,7 @@ QStringList term(int count, const QString &what, int milliseconds)
 {
     if (count == 0)
         return {};
-    return { QStringLiteral("%1 × %2").arg(counted(count, what), seconds(milliseconds)) };
+    return { QStringLiteral("%1 × %2").arg(Text::counted(count, what), seconds(milliseconds)) };
 }
 
 void showTime(Output *out, const Effort &effort)
@@ -145,7 +131,7 @@ void showText(Output *out, const QString &path, const Plan &plan)
     out->line(QStringLiteral("application  %1").arg(QCoreApplication::applicationName()));
     out->line(QStringLiteral("file         %1").arg(path));
     out->line(QStringLiteral("processor    %1: %2").arg(plan.processor, orderText(plan)));
-    out->line(visible(
+    out->line(Text::visible(
             QStringLiteral("connection   %1").arg(Describe::connection(plan.settings.connection))));
     showWarnings(out, plan.warnings, QString());
     for (const Pass &pass : plan.passes)

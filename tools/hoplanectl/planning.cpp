@@ -3,10 +3,10 @@
 
 #include "describe.h"
 #include "nmcli.h"
+#include "processor.h"
 
 #include <QFileInfo>
 #include <QRegularExpression>
-#include <QSysInfo>
 
 #include <networkswitchworker.h>
 
@@ -298,7 +298,7 @@ Purpose Plan::purposeOf(const Step &step) const
 
 Plan make(const QString &path)
 {
-    Plan plan{ Settings::read(path), {}, QSysInfo::currentCpuArchitecture(), false, {}, {}, {} };
+    Plan plan{ Settings::read(path), {}, Processor::name(), false, {}, {}, {} };
     if (!QFileInfo(path).isReadable())
         plan.idleBecause = QStringLiteral("%1 cannot be read").arg(path);
     else if (!plan.settings.enabled)

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
+#include "tcpattempt.h"
+#include "text.h"
 #include "values.h"
 
 #include <QElapsedTimer>
@@ -9,14 +11,9 @@
 
 #include <arpa/inet.h>
 #include <netdb.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <memory>
 
 namespace {
@@ -25,19 +22,11 @@ const QString attemptsOption = QStringLiteral("attempts");
 const QString intervalOption = QStringLiteral("interval");
 const QString example = QStringLiteral("192.0.2.1:9000");
 
-// In the order of what they say about the server; the verdict on it is the first that was seen, and
-// its number the exit status.
-enum Outcome { Accepted, Refused, NoAnswer, NotTried };
+// The verdict on the server is the first of these outcomes that was seen, and its number the exit
+// status.
+using Outcome = TcpAttempt::Outcome;
 const char *const outcomeWords[] = { "accepted", "refused", "no answer", "not tried" };
 const char *const verdictWords[] = { "accepts", "refuses", "no answer", "not tried" };
-
-struct Attempt
-{
-    Outcome outcome;
-    int error; // of errno, 0 if accepted
-    double milliseconds; // until the answer, or until it was no longer waited for
-    QString localAddress; // if accepted
-};
 
 struct Target
 {
@@ -46,85 +35,8 @@ struct Target
     sockaddr_in address; // as far as the host is resolved and the port is one
 
     QString text() const { return host + QLatin1Char(':') + port; }
-    QString ip() const
-    {
-        char text[INET_ADDRSTRLEN];
-        return QString::fromLatin1(inet_ntop(AF_INET, &address.sin_addr, text, sizeof text));
-    }
+    QString ip() const { return dottedAddress(address); }
 };
-
-class Descriptor
-{
-public:
-    explicit Descriptor(int fd)
-        : m_fd(fd)
-    {
-    }
-    ~Descriptor()
-    {
-        if (m_fd >= 0)
-            close(m_fd);
-    }
-    Q_DISABLE_COPY_MOVE(Descriptor)
-
-    int get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
-
-double elapsedMs(const QElapsedTimer &clock)
-{
-    constexpr double nanoseconds = 1e6;
-    return double(clock.nsecsElapsed()) / nanoseconds;
-}
-
-// The error of a connection that is being made; 0 when it has been.
-int awaitAnswer(int fd, const QElapsedTimer &clock, int interval)
-{
-    pollfd waited{ fd, POLLOUT, 0 };
-    int ready = -1;
-    do {
-        const qint64 left = std::max<qint64>(interval - clock.elapsed(), 0);
-        ready = poll(&waited, 1, int(left));
-    } while (ready < 0 && errno == EINTR);
-    if (ready < 0)
-        return errno;
-    if (ready == 0)
-        return ETIMEDOUT;
-    int error = 0;
-    socklen_t length = sizeof error;
-    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
-}
-
-QString localAddress(int fd)
-{
-    Target local{};
-    socklen_t length = sizeof local.address;
-    const bool known = getsockname(fd, reinterpret_cast<sockaddr *>(&local.address), &length) == 0;
-    return known ? local.ip() : QString();
-}
-
-Attempt attemptOnce(const sockaddr_in &address, int interval)
-{
-    QElapsedTimer clock;
-    clock.start();
-    const Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (socket.get() < 0)
-        return { NotTried, errno, elapsedMs(clock), QString() };
-    const auto *const any = reinterpret_cast<const sockaddr *>(&address);
-    int error = connect(socket.get(), any, sizeof address) == 0 ? 0 : errno;
-    // Other errors than this come before anything was sent.
-    const bool sent = error == EINPROGRESS;
-    if (sent)
-        error = awaitAnswer(socket.get(), clock, interval);
-    const double milliseconds = elapsedMs(clock);
-    if (error == 0)
-        return { Accepted, 0, milliseconds, localAddress(socket.get()) };
-    if (error == ECONNREFUSED)
-        return { Refused, error, milliseconds, QString() };
-    return { sent ? NoAnswer : NotTried, error, milliseconds, QString() };
-}
 
 // Takes the host and the port apart; false if one of them is missing.
 bool split(const QString &text, Target *target)
@@ -207,27 +119,22 @@ int number(const CommandLine &line, const QString &option, int most, const QStri
     return 0;
 }
 
-QString errorText(int error)
-{
-    return QString::fromLocal8Bit(std::strerror(error));
-}
-
-void show(Output *out, int number, const Attempt &attempt)
+void show(Output *out, int number, const TcpAttempt &attempt)
 {
     const QString time = QStringLiteral("%1 ms").arg(attempt.milliseconds, 0, 'f', 1);
     QString text;
     switch (attempt.outcome) {
-    case Accepted:
+    case Outcome::Accepted:
         text = QStringLiteral("accepted after %1, from %2").arg(time, attempt.localAddress);
         break;
-    case Refused:
-        text = QStringLiteral("refused after %1: %2").arg(time, errorText(attempt.error));
+    case Outcome::Refused:
+        text = QStringLiteral("refused after %1: %2").arg(time, Text::ofError(attempt.error));
         break;
-    case NoAnswer:
-        text = QStringLiteral("no answer after %1: %2").arg(time, errorText(attempt.error));
+    case Outcome::NoAnswer:
+        text = QStringLiteral("no answer after %1: %2").arg(time, Text::ofError(attempt.error));
         break;
-    case NotTried:
-        text = QStringLiteral("not tried, nothing was sent: %1").arg(errorText(attempt.error));
+    case Outcome::NotTried:
+        text = QStringLiteral("not tried, nothing was sent: %1").arg(Text::ofError(attempt.error));
         break;
     }
     out->line(QStringLiteral("attempt %1  %2").arg(number).arg(text));
@@ -237,7 +144,7 @@ void show(Output *out, int number, const Attempt &attempt)
                   { QStringLiteral("outcome"), QLatin1String(outcomeWords[attempt.outcome]) },
                   { QStringLiteral("errno"), attempt.error },
                   { QStringLiteral("error"),
-                    attempt.error == 0 ? QString() : errorText(attempt.error) },
+                    attempt.error == 0 ? QString() : Text::ofError(attempt.error) },
                   { QStringLiteral("milliseconds"),
                     std::round(attempt.milliseconds * thousandths) / thousandths },
                   { QStringLiteral("localAddress"), attempt.localAddress } });
@@ -255,8 +162,8 @@ int conclude(Output *out, const Target &target, Outcome verdict, int attempts,
     QString name = target.text();
     if (resolved && target.ip() != target.host)
         name += QStringLiteral(" (%1)").arg(target.ip());
-    out->line(verdict == NotTried ? QStringLiteral("not tried: ") + reason
-                                  : QString(QLatin1String(texts[verdict])).arg(name),
+    out->line(verdict == Outcome::NotTried ? QStringLiteral("not tried: ") + reason
+                                           : QString(QLatin1String(texts[verdict])).arg(name),
               styles[verdict]);
     out->object({ { QStringLiteral("type"), QStringLiteral("probe") },
                   { QStringLiteral("host"), target.host },
@@ -270,23 +177,23 @@ int conclude(Output *out, const Target &target, Outcome verdict, int attempts,
 
 int probe(Output *out, const Target &target, int attempts, int interval)
 {
-    Outcome verdict = NotTried;
+    Outcome verdict = Outcome::NotTried;
     QString reason;
     int number = 0;
-    while (verdict != Accepted && number < attempts) {
+    while (verdict != Outcome::Accepted && number < attempts) {
         QElapsedTimer clock;
         clock.start();
-        const Attempt attempt = attemptOnce(target.address, interval);
+        const TcpAttempt attempt = TcpAttempt::make(target.address, interval);
         show(out, ++number, attempt);
         if (attempt.outcome <= verdict) {
             verdict = attempt.outcome;
-            reason = verdict == Accepted
+            reason = verdict == Outcome::Accepted
                     ? QString()
-                    : QStringLiteral("%1: %2").arg(target.text(), errorText(attempt.error));
+                    : QStringLiteral("%1: %2").arg(target.text(), Text::ofError(attempt.error));
         }
         // Each attempt has its whole interval, as the library's have.
         const qint64 left = interval - clock.elapsed();
-        if (verdict != Accepted && number < attempts && left > 0)
+        if (verdict != Outcome::Accepted && number < attempts && left > 0)
             QThread::msleep(ulong(left));
     }
     return conclude(out, target, verdict, number, reason);
@@ -336,6 +243,6 @@ int runProbe(Context &context, const Command &command, const QStringList &argume
         refusal = checkHost(target);
     const QString reason = refusal ? refusal->text() : resolve(&target);
     if (!reason.isEmpty())
-        return conclude(&context.out, target, NotTried, 0, reason);
+        return conclude(&context.out, target, Outcome::NotTried, 0, reason);
     return probe(&context.out, target, attempts, interval);
 }

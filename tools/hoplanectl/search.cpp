@@ -77,8 +77,7 @@ int Search::run(int timeoutSeconds)
         m_timeout.setTimerType(Qt::PreciseTimer);
         QObject::connect(&m_timeout, &QTimer::timeout, &m_timeout, [this, timeoutSeconds] {
             giveUp(QStringLiteral("timeout"),
-                   QStringLiteral("given up after %1 s").arg(timeoutSeconds),
-                   ExitFailed);
+                   QStringLiteral("given up after %1 s").arg(timeoutSeconds), ExitFailed);
         });
         m_timeout.start(timeoutSeconds * millisecondsOfSecond);
     }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "searchaccount.h"
 
+#include "text.h"
+
 #include <QJsonArray>
 
 namespace {
@@ -8,11 +10,6 @@ namespace {
 QJsonValue orNull(const QString &text)
 {
     return text.isEmpty() ? QJsonValue() : QJsonValue(text);
-}
-
-QString counted(int count, const QString &one, const QString &many)
-{
-    return QStringLiteral("%1 %2").arg(count).arg(count == 1 ? one : many);
 }
 
 // A tenth of a second at most is of interest, and less is noise.
@@ -60,9 +57,7 @@ QString NetworkAccount::reason() const
         parts.append(QStringLiteral("\"%1\" is no port number").arg(unusablePort));
     else if (attempts > 0)
         parts.append(QStringLiteral("%1 did not accept in %2%3")
-                             .arg(server,
-                                  counted(attempts, QStringLiteral("attempt"),
-                                          QStringLiteral("attempts")),
+                             .arg(server, Text::counted(attempts, QStringLiteral("attempt")),
                                   attemptsMissing ? QStringLiteral(" (more are not in the log)")
                                                   : QString()));
     else if (attemptsMissing)
@@ -70,13 +65,10 @@ QString NetworkAccount::reason() const
                 QStringLiteral("%1 did not accept; the attempts are not in the log").arg(server));
     if (skipped > 0)
         parts.append(QStringLiteral("skipped %1: %2")
-                             .arg(counted(skipped, QStringLiteral("time"), QStringLiteral("times")),
-                                  skipReason));
+                             .arg(Text::counted(skipped, QStringLiteral("time")), skipReason));
     if (troubles > 0)
-        parts.append(
-                QStringLiteral("its addressing failed in %1, at last: %2")
-                        .arg(counted(troubles, QStringLiteral("turn"), QStringLiteral("turns")),
-                             trouble));
+        parts.append(QStringLiteral("its addressing failed in %1, at last: %2")
+                             .arg(Text::counted(troubles, QStringLiteral("turn")), trouble));
     return parts.join(QStringLiteral("; "));
 }
 
@@ -119,7 +111,8 @@ QString SearchAccount::text() const
             return QStringLiteral("%1 not reached%2; the application is told nothing of it")
                     .arg(networks[state == 0 ? 0 : 1].server, after);
         return QStringLiteral("failed%1: no server reached in %2")
-                .arg(after, counted(passes, QStringLiteral("pass"), QStringLiteral("passes")));
+                .arg(after,
+                     Text::counted(passes, QStringLiteral("pass"), QStringLiteral("passes")));
     case Open:
     case Unfinished:
         break;

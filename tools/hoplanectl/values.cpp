@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "values.h"
 
+#include "text.h"
+
 #include <QRegularExpression>
 
 #include <array>
@@ -143,12 +145,7 @@ Verdict checkDns(const QStringList &dns)
 
 QString Refusal::text() const
 {
-    QString shown;
-    for (const QChar character : value)
-        shown += character.isPrint()
-                ? QString(character)
-                : QStringLiteral("\\u%1").arg(character.unicode(), 4, 16, QLatin1Char('0'));
-    return QStringLiteral("\"%1\": %2; for example %3").arg(shown, reason, example);
+    return QStringLiteral("\"%1\": %2; for example %3").arg(Text::visible(value), reason, example);
 }
 
 std::optional<quint32> bits(const QString &address)

@@ -3,10 +3,10 @@
 
 #include "configuration.h"
 #include "livecommand.h"
+#include "processor.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
-#include <QSysInfo>
 
 namespace {
 
@@ -54,8 +54,8 @@ QString Watch::margin(const Moment &when) const
 
 void Watch::tellBeginning()
 {
-    const QString processor = QSysInfo::currentCpuArchitecture();
-    const bool isArm = processor.contains(QLatin1String("arm"));
+    const QString processor = Processor::name();
+    const bool isArm = Processor::isDevices();
     const QString file = Configuration::path();
     const bool exists = QFileInfo::exists(file);
     line(QStringLiteral("watching %1 on this processor (%2), as \"%3\"; end with Ctrl-C")
