@@ -24,8 +24,8 @@ namespace Nmcli {
 
 namespace {
 
-// A program that runs, with the ends of the pipes to its results and its messages. Not QProcess,
-// whose way to wait for a child is none of all the places where this runs.
+// A program that runs, with the ends of the pipes to its results and its messages. Not QProcess:
+// where the processor is emulated, it does not learn its child's number, and kills others instead.
 struct Child
 {
     pid_t id = -1;

@@ -5,6 +5,8 @@
 #include "configuration.h"
 #include "values.h"
 
+#include <QHash>
+
 namespace {
 
 const QString dhcpOption = QStringLiteral("dhcp");
@@ -86,6 +88,40 @@ Values::Verdict setEnabled(const QStringList &arguments, Changes *changes)
     return std::nullopt;
 }
 
+Values::Verdict setItem(const CommandLine &line, Changes *changes)
+{
+    const QStringList arguments = line.arguments();
+    const QString &what = arguments.first();
+    if (what == QLatin1String("server"))
+        return setServer(arguments, changes);
+    if (what == QLatin1String("network"))
+        return setNetwork(arguments, line, changes);
+    if (what == QLatin1String("connection"))
+        return setConnection(arguments, changes);
+    return setEnabled(arguments, changes);
+}
+
+// What is wrong with the name of what is to be set, or the number of its arguments; nothing if all
+// is well.
+QString misnamed(const QStringList &arguments)
+{
+    static const QHash<QString, int> wanted = { { QStringLiteral("server"), 3 },
+                                                { QStringLiteral("network"), 2 },
+                                                { QStringLiteral("connection"), 2 },
+                                                { QStringLiteral("enabled"), 2 } };
+    const QString &what = arguments.first();
+    if (!wanted.contains(what))
+        return QStringLiteral("set: \"%1\" cannot be set; there are server, network, connection "
+                              "and enabled")
+                .arg(what);
+    if (arguments.size() < wanted[what])
+        return QStringLiteral("set %1: an argument is missing").arg(what);
+    if (arguments.size() > wanted[what])
+        return QStringLiteral("set %1: \"%2\" is one argument too many")
+                .arg(what, arguments.last());
+    return QString();
+}
+
 // What of the options does not go together, or with what is set; nothing if all is well.
 QString contradiction(const CommandLine &line)
 {
@@ -135,33 +171,14 @@ int runSet(Context &context, const Command &command, const QStringList &argument
     if (!line.parse(&context, arguments, 1, 3))
         return line.status();
 
-    const QStringList given = line.arguments();
-    const QString what = given.first();
-    const bool numbered = what == QLatin1String("server");
-    const bool known = numbered || what == QLatin1String("network")
-            || what == QLatin1String("connection") || what == QLatin1String("enabled");
-    if (!known)
-        return usageError(QStringLiteral("set: \"%1\" cannot be set; there are server, network, "
-                                         "connection and enabled")
-                                  .arg(what),
-                          QStringLiteral("set"));
-    const int wanted = numbered ? 3 : 2;
-    if (given.size() != wanted)
-        return usageError(given.size() < wanted
-                                  ? QStringLiteral("set %1: an argument is missing").arg(what)
-                                  : QStringLiteral("set %1: \"%2\" is one argument too many")
-                                            .arg(what, given.last()),
-                          QStringLiteral("set"));
-    const QString wrong = contradiction(line);
+    QString wrong = misnamed(line.arguments());
+    if (wrong.isEmpty())
+        wrong = contradiction(line);
     if (!wrong.isEmpty())
         return usageError(wrong, QStringLiteral("set"));
 
     Changes changes;
-    const Values::Verdict refusal = numbered      ? setServer(given, &changes)
-            : what == QLatin1String("network")    ? setNetwork(given, line, &changes)
-            : what == QLatin1String("connection") ? setConnection(given, &changes)
-                                                  : setEnabled(given, &changes);
-    if (refusal)
+    if (const Values::Verdict refusal = setItem(line, &changes))
         return refuse(*refusal);
     if (!Configuration::choose(context.app, true))
         return ExitFailed;
