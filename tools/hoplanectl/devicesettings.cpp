@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "devicesettings.h"
 
+#include "../../worker/switchsettings_p.h"
+
 #include <QFile>
 #include <QFileInfo>
-#include <QSettings>
 
 namespace {
 
@@ -33,7 +34,8 @@ QString DeviceSettings::unfitness(const QString &path, bool *isIni)
         return QStringLiteral("it is no regular file");
     if (!file.open(QIODevice::ReadOnly))
         return file.errorString();
-    const QSettings settings(path, QSettings::IniFormat);
+    // In the library's encoding: what one QSettings has read of a file, the next one takes over.
+    const IniFile settings(path);
     if (!settings.childGroups().contains(QStringLiteral("NetworkConnections")))
         return QStringLiteral("it has no group NetworkConnections");
     if (isIni)
