@@ -83,6 +83,15 @@ int takeOptions(Context *context, QStringList *arguments, bool *done)
     return ExitGood;
 }
 
+// As QCoreApplication::arguments(), which takes a byte order mark away from a word's beginning.
+QStringList words(int argc, char **argv)
+{
+    QStringList words;
+    for (int index = 1; index < argc; ++index)
+        words.append(QString::fromLocal8Bit(QByteArray(argv[index]).prepend('x')).mid(1));
+    return words;
+}
+
 int run(QStringList arguments)
 {
     Context context;
@@ -109,5 +118,5 @@ int run(QStringList arguments)
 int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);
-    return run(QCoreApplication::arguments().mid(1));
+    return run(words(argc, argv));
 }

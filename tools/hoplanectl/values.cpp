@@ -5,6 +5,7 @@
 
 #include <QRegularExpression>
 
+#include <algorithm>
 #include <array>
 
 namespace Values {
@@ -141,11 +142,43 @@ Verdict checkDns(const QStringList &dns)
     return std::nullopt;
 }
 
+// Of a connection's name.
+Verdict checkCharacters(const QString &name, const QString &example)
+{
+    for (const QChar character : name) {
+        if (QStringLiteral("'\"`$\\;|&<>()").contains(character))
+            return refused(
+                    name,
+                    QStringLiteral("the name contains %1, which means something to the shell "
+                                   "that runs the library's commands")
+                            .arg(character),
+                    example);
+        if (character.category() == QChar::Other_Control || character == QChar::LineSeparator
+            || character == QChar::ParagraphSeparator)
+            return refused(name, QStringLiteral("the name contains a control character"), example);
+    }
+    if (!name.isValidUtf16() || name.contains(QChar::ReplacementCharacter))
+        return refused(name, QStringLiteral("the name is not valid Unicode text"), example);
+    // A byte order mark gets lost behind a comma.
+    if (!isKept(name) || name.contains(QChar::ByteOrderMark))
+        return refused(name,
+                       QStringLiteral("the name contains a character that the file does not keep, "
+                                      "such as an emoji"),
+                       example);
+    return std::nullopt;
+}
+
 } // namespace
 
 QString Refusal::text() const
 {
     return QStringLiteral("\"%1\": %2; for example %3").arg(Text::visible(value), reason, example);
+}
+
+bool isKept(const QString &text)
+{
+    return std::none_of(text.begin(), text.end(),
+                        [](QChar character) { return character.isSurrogate(); });
 }
 
 std::optional<quint32> bits(const QString &address)
@@ -238,20 +271,8 @@ Verdict connectionName(const QString &name)
     constexpr int mostBytes = 1024;
     if (name.isEmpty())
         return refused(name, QStringLiteral("the name is empty"), example);
-    for (const QChar character : name) {
-        if (QStringLiteral("'\"`$\\;|&<>()").contains(character))
-            return refused(
-                    name,
-                    QStringLiteral("the name contains %1, which means something to the shell "
-                                   "that runs the library's commands")
-                            .arg(character),
-                    example);
-        if (character.category() == QChar::Other_Control || character == QChar::LineSeparator
-            || character == QChar::ParagraphSeparator)
-            return refused(name, QStringLiteral("the name contains a control character"), example);
-    }
-    if (!name.isValidUtf16() || name.contains(QChar::ReplacementCharacter))
-        return refused(name, QStringLiteral("the name is not valid Unicode text"), example);
+    if (Verdict refusal = checkCharacters(name, example))
+        return refusal;
     if (name != name.trimmed())
         return refused(name, QStringLiteral("the name begins or ends with a blank"), example);
     if (name.startsWith(QLatin1Char('-')) || words.contains(name))

@@ -45,6 +45,9 @@ Verdict addressing(const QString &address, const QString &gateway, const QString
 // The name of a connection of NetworkManager. Empty is refused: `set connection` wants a name.
 Verdict connectionName(const QString &name);
 
+// Whether an INI file of Qt gives the text back: it loses each character beyond U+FFFF.
+bool isKept(const QString &text);
+
 // The prefix length that the library makes of a dotted netmask; nothing if it has not four parts
 // from 0 to 255. And the one that the netmask has, nothing if its one bits have gaps.
 std::optional<int> appliedPrefix(const QString &mask);
