@@ -4,6 +4,7 @@
 #include "../../worker/switchsettings_p.h"
 #include "output.h"
 #include "text.h"
+#include "values.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -81,6 +82,12 @@ QString applyTo(const QString &path, const Changes &changes)
         return QStringLiteral("it cannot be read as an INI file");
     for (const RawValue &change : changes.values())
         file.setValue(change.key, change.value);
+    // All values are written anew, those of other keys too.
+    for (const QString &key : file.allKeys()) {
+        if (!Values::isKept(file.value(key).toStringList().join(QString())))
+            return QStringLiteral("it would not keep a character of %1, such as an emoji")
+                    .arg(Text::visible(key));
+    }
     file.sync();
     return file.status() == QSettings::NoError ? QString()
                                                : QStringLiteral("the new file cannot be written");
