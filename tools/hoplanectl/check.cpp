@@ -166,9 +166,10 @@ QString Check::user()
 int runCheck(Context &context, const Command &command, const QStringList &arguments)
 {
     CommandLine line(command);
-    line.setText(QStringLiteral("Changes nothing. Run it as the application's user, in the "
-                                "application's environment.\nExit status: 0 all is good, "
-                                "1 warnings, 2 faults."));
+    line.setText(QStringLiteral(
+            "Changes nothing. Run it as the application's user, in the application's\n"
+            "environment.\n\n"
+            "Exit status: 0 all is good, 1 warnings, 2 faults."));
     line.add({ QStringLiteral("probe"),
                QStringLiteral("Also try each server once, with the addressing as it is now.") });
     if (!line.parse(&context, arguments, 0, 0))

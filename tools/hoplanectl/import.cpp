@@ -26,10 +26,9 @@ QString unfit(const QString &path)
 int runImport(Context &context, const Command &command, const QStringList &arguments)
 {
     CommandLine line(command);
-    line.setText(
-            QStringLiteral("Does once what the library does at each start of the application: the "
-                           "connection's\nname and the addressing of both networks become the "
-                           "device's."));
+    line.setText(QStringLiteral(
+            "Does once what the library does at each start of the application: the\n"
+            "connection's name and the addressing of both networks become the device's."));
     line.add({ QStringLiteral("from"),
                QStringLiteral("The device's file. Default: %1.").arg(DeviceSettings::path()),
                QStringLiteral("FILE"), DeviceSettings::path() });

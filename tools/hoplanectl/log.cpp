@@ -271,13 +271,13 @@ int explain(Output *out, FILE *input, const QString &name)
 }
 
 const QString text = QStringLiteral(
-        "Reads FILE, or standard input without one or for -: what the application wrote, or what "
-        "the\njournal has, in any of journalctl's short forms and its JSON. Without times the "
-        "attempts are\nreckoned with the 0.5 s that each takes.\n\n"
+        "Reads FILE, or standard input without one or for -: what the application wrote,\n"
+        "or what the journal has, in any of journalctl's short forms and its JSON.\n"
+        "Without times the attempts are reckoned with the 0.5 s that each takes.\n\n"
         "  journalctl -u failover | hoplanectl log\n"
         "  journalctl -o json -b | hoplanectl log --json\n\n"
-        "Exit status: 0 if something of the library was found, 1 if nothing was, 2 if FILE cannot "
-        "be read.");
+        "Exit status: 0 if something of the library was found, 1 if nothing was, 2 if\n"
+        "FILE cannot be read.");
 
 } // namespace
 

@@ -240,10 +240,11 @@ int runPlan(Context &context, const Command &command, const QStringList &argumen
 {
     CommandLine line(command);
     line.setText(QStringLiteral(
-            "The library itself makes the plan: it searches, with nothing below it. No command is "
-            "run but\none that asks nmcli for the connection's UUID, nothing is connected to, and "
-            "nothing is changed.\n\nExit status: 0 if a search would run, 1 if it would do "
-            "nothing, because switching is off or there\nis no file that can be read."));
+            "The library itself makes the plan: it searches, with nothing below it. No\n"
+            "command is run but one that asks nmcli for the connection's UUID, nothing is\n"
+            "connected to, and nothing is changed.\n\n"
+            "Exit status: 0 if a search would run, 1 if it would do nothing, because\n"
+            "switching is off or there is no file that can be read."));
     if (!line.parse(&context, arguments, 0, 0))
         return line.status();
     if (!Configuration::choose(context.app, true))

@@ -200,14 +200,14 @@ int probe(Output *out, const Target &target, int attempts, int interval)
 }
 
 const QString text = QStringLiteral(
-        "Asks for a TCP connection and closes it at once. Nothing is sent over it, and nothing is\n"
-        "changed: unlike the library's search this never touches the device's addressing.\n\n"
-        "An attempt succeeds if the server accepts within the interval; the next one begins when\n"
-        "the interval is over. The first that succeeds is the last. HOST is an IPv4 address, or a\n"
-        "name, of which the first IPv4 address is taken.\n\n"
-        "Exit status: 0 the server accepts, 1 at least one attempt was refused, 2 there was no\n"
-        "answer, 3 nothing was sent (the name is not resolved, there is no route, or HOST:PORT is\n"
-        "none).");
+        "Asks for a TCP connection and closes it at once. Nothing is sent over it, and\n"
+        "nothing is changed: unlike a search this never touches the device's addressing.\n\n"
+        "An attempt succeeds if the server accepts within the interval; the next one\n"
+        "begins when the interval is over. The first that succeeds is the last. HOST is\n"
+        "an IPv4 address, or a name, of which the first IPv4 address is taken.\n\n"
+        "Exit status: 0 the server accepts, 1 at least one attempt was refused, 2 there\n"
+        "was no answer, 3 nothing was sent (the name is not resolved, there is no route,\n"
+        "or HOST:PORT is none).");
 
 } // namespace
 

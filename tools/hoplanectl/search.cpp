@@ -142,11 +142,11 @@ void Search::refuse(const QString &reason)
 }
 
 const QString text = QStringLiteral(
-        "Does what the application does with start(), and changes the device's addressing as it "
-        "does. As at\neach start of the application the device's own network settings are imported "
-        "first, if it has any.\n\n"
-        "Exit status: 0 a server is reached, 1 none is (or --timeout came first), 2 the search "
-        "could not\nbegin, 128 plus the signal's number when interrupted.");
+        "Does what the application does with start(), and changes the device's\n"
+        "addressing as it does. As at each start of the application the device's own\n"
+        "network settings are imported first, if it has any.\n\n"
+        "Exit status: 0 a server is reached, 1 none is (or --timeout came first), 2 the\n"
+        "search could not begin, 128 plus the signal's number when interrupted.");
 
 } // namespace
 

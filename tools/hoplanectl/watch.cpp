@@ -119,11 +119,12 @@ void Watch::interrupted(int signal)
 }
 
 const QString text = QStringLiteral(
-        "Asks for nothing. The library reacts to events as in the application, and changes the "
-        "device's\naddressing then: on ARM to what the LAN switch reports, on other processors to "
-        "notifications of\nlinks. As at each start of the application the device's own network "
-        "settings are imported first,\nif it has any.\n\n"
-        "Exit status: 128 plus the signal's number when interrupted, 2 if it could not begin.");
+        "Asks for nothing. The library reacts to events as in the application, and\n"
+        "changes the device's addressing then: on ARM to what the LAN switch reports, on\n"
+        "other processors to notifications of links. As at each start of the application\n"
+        "the device's own network settings are imported first, if it has any.\n\n"
+        "Exit status: 128 plus the signal's number when interrupted, 2 if it could not\n"
+        "begin.");
 
 } // namespace
 
