@@ -134,7 +134,8 @@ void Account::head(const QString &process)
     if (process == m_shown)
         return;
     m_shown = process;
-    m_out->line(QStringLiteral("\nProcess %1").arg(Narrator::printable(process)), Output::Bold);
+    m_out->line();
+    m_out->line(QStringLiteral("Process %1").arg(Narrator::printable(process)), Output::Bold);
 }
 
 // Once, at the first search that it matters for.
@@ -160,7 +161,8 @@ void Account::tell(const QString &process, const Step &step)
     if (step.kind == Step::Begin) {
         noteMissingTimes(step.when);
         m_passes[process] = 1;
-        m_out->line(QStringLiteral("\n%1%2: %3")
+        m_out->line();
+        m_out->line(QStringLiteral("%1%2: %3")
                             .arg(step.searchKind == SearchAccount::Search
                                          ? QStringLiteral("Search %1").arg(step.search)
                                          : QStringLiteral("LAN switch"),
@@ -193,8 +195,7 @@ void Account::tellEnd(const QString &process, const SearchAccount &search)
 
 void Account::tellSum()
 {
-    QString text = QLatin1Char('\n')
-            + Text::counted(m_searches, QStringLiteral("search"), QStringLiteral("searches"));
+    QString text = Text::counted(m_searches, QStringLiteral("search"), QStringLiteral("searches"));
     if (m_reopenings > 0)
         text += QLatin1String(", ")
                 + Text::counted(m_reopenings, QStringLiteral("change of the LAN switch"),
@@ -207,6 +208,7 @@ void Account::tellSum()
     if (m_foreign > 0)
         text += QStringLiteral("; %1").arg(Text::counted(m_foreign, QStringLiteral("line")))
                 + QStringLiteral(" of others left out");
+    m_out->line();
     m_out->line(text, Output::Dim);
     m_out->object({ { QStringLiteral("type"), QStringLiteral("sum") },
                     { QStringLiteral("searches"), m_searches },
