@@ -2,6 +2,7 @@
 #include "change.h"
 
 #include "describe.h"
+#include "text.h"
 
 namespace {
 
@@ -28,9 +29,9 @@ void tell(Output *out, const Settings &before, const Settings &after, bool dryRu
         const auto &[name, value] = changed[index];
         if (value == old[index].second)
             continue;
-        out->line(QStringLiteral("%1: %2").arg(name, value), Output::Bold);
-        out->line(QStringLiteral("  %1 %2").arg(
-                dryRun ? QStringLiteral("is now") : QStringLiteral("was"), old[index].second));
+        out->line(Text::visible(QStringLiteral("%1: %2").arg(name, value)), Output::Bold);
+        out->line(Text::visible(QStringLiteral("  %1 %2").arg(
+                dryRun ? QStringLiteral("is now") : QStringLiteral("was"), old[index].second)));
         out->object({ { QStringLiteral("type"), QStringLiteral("change") },
                       { QStringLiteral("item"), name },
                       { QStringLiteral("old"), old[index].second },

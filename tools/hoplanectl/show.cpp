@@ -3,6 +3,7 @@
 
 #include "configuration.h"
 #include "describe.h"
+#include "text.h"
 
 #include <QCoreApplication>
 #include <QJsonArray>
@@ -14,12 +15,14 @@ void showText(Output *out, const Settings &settings)
     out->line(QStringLiteral("application  %1").arg(QCoreApplication::applicationName()));
     out->line(QStringLiteral("file         %1").arg(Configuration::path()));
     out->line(QStringLiteral("switching    %1").arg(Describe::enabled(settings.enabled)));
-    out->line(QStringLiteral("connection   %1").arg(Describe::connection(settings.connection)));
+    out->line(Text::visible(
+            QStringLiteral("connection   %1").arg(Describe::connection(settings.connection))));
     for (int index : { 0, 1 }) {
         const NetworkSettings &network = settings.networks[index];
-        out->line(QStringLiteral("network %1    server %2; %3")
-                          .arg(index + 1)
-                          .arg(Describe::server(network), Describe::addressing(network)));
+        out->line(Text::visible(
+                QStringLiteral("network %1    server %2; %3")
+                        .arg(index + 1)
+                        .arg(Describe::server(network), Describe::addressing(network))));
     }
 }
 
