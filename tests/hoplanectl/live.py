@@ -2,29 +2,22 @@
 """What the tests of search and watch share: the laboratory, and the tool that runs in it."""
 
 import contextlib
-import fcntl
 import os
-import pty
 import re
-import select
 import signal
-import struct
 import sys
-import termios
-import time
 import unittest
 
 import tool
 # In the path since tool is imported.
 from laboratory import CONNECTION, NET1, NET2, PORT, Laboratory, Program, run, wait_until
+from pseudoterminal import PATIENCE, Terminal, golden  # noqa: F401
 
 APP = "failover"
-PATIENCE = 60
 # An emulated tool is the one that runs on a device.
 ARM = len(sys.argv) > 2
 # Told whenever Qt, or the other processor's watcher, comes to it.
 ANY_TIME = re.compile(r"network configuration|the device is o|listening to the LAN switch")
-GOLDEN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "golden")
 
 
 def dhcp(network):
@@ -110,70 +103,6 @@ class Running(Program):
         return status
 
 
-class Terminal:
-    """The tool on a terminal of its own."""
-
-    def __init__(self, *arguments, columns=80, environment=None):
-        self.output = b""
-        self.status = None
-        self._pid, self._end = pty.fork()
-        if self._pid == 0:
-            os.environ.update({"TERM": "xterm"} | (environment or {}))
-            os.execvp(tool.COMMAND[0], [*tool.COMMAND, *arguments])
-        fcntl.ioctl(self._end, termios.TIOCSWINSZ, struct.pack("HHHH", 50, columns, 0, 0))
-
-    def read_until(self, pattern, seconds=PATIENCE):
-        """Reads until the output has the pattern."""
-        limit = time.monotonic() + seconds
-        while not re.search(pattern, self.output.decode(errors="replace")):
-            if time.monotonic() > limit or not self._read(1):
-                raise AssertionError(f"no {pattern}: {self.output.decode(errors='replace')}")
-
-    def read_all(self, seconds=PATIENCE):
-        """Reads until the tool ends."""
-        limit = time.monotonic() + seconds
-        while self._read(1):
-            if time.monotonic() > limit:
-                raise AssertionError(f"no end: {self.output.decode(errors='replace')}")
-        self.status = os.waitstatus_to_exitcode(os.waitpid(self._pid, 0)[1])
-        os.close(self._end)
-
-    def send(self, number):
-        os.kill(self._pid, number)
-
-    def type(self, text):
-        """As typed by a person."""
-        os.write(self._end, text)
-
-    def _read(self, seconds):
-        """False at the end of the output."""
-        if not select.select([self._end], [], [], seconds)[0]:
-            return True
-        try:
-            part = os.read(self._end, 65536)
-        except OSError:
-            return False
-        self.output += part
-        return bool(part)
-
-    @property
-    def drawn(self):
-        """Each line as it was drawn anew in place, in the order in which they were."""
-        text = self.output.decode()
-        return [part.split("\x1b[K")[0] for part in text.split("\r") if "\x1b[K" in part]
-
-    @property
-    def screen(self):
-        """What stays on the screen, without styles."""
-        lines = []
-        for line in self.output.decode().split("\n"):
-            # Each return of the carriage is followed by the erasure of what was there.
-            kept = [part for part in line.rstrip("\r").split("\r")]
-            shown = kept[-1].split("\x1b[K")[-1] if "\x1b[K" in kept[-1] else kept[-1]
-            lines.append(re.sub(r"\x1b\[\d*m", "", shown))
-        return "\n".join(lines)
-
-
 LAB = Laboratory()
 
 
@@ -222,9 +151,4 @@ class TestCase(tool.TestCase):
         return program
 
     def check_golden(self, name, text):
-        path = os.path.join(GOLDEN, name)
-        if "HOPLANE_WRITE_GOLDEN" in os.environ:
-            with open(path, "w", encoding="utf-8") as file:
-                file.write(text)
-        with open(path, encoding="utf-8") as file:
-            self.assertEqual(text, file.read(), name)
+        self.assertEqual(text, golden(name, text), name)
