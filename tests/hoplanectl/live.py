@@ -63,6 +63,11 @@ class Running(Program):
             raise AssertionError(f"no line has {text}:\n" + "\n".join(self.lines))
         return line
 
+    def expect_message(self, text):
+        """A line of standard error, which comes by another pipe: also among those looked at."""
+        wait_until(lambda: any(re.search(text, line) for line in list(self.lines)), PATIENCE,
+                   f"a line with {text}")
+
     def expect_all(self, *texts, seconds=PATIENCE):
         """A line for each of them, in whatever order; the lines until then are passed over."""
         missing = list(texts)

@@ -106,7 +106,7 @@ class Links(Watch):
         """Switching is disabled: that is said at the start, and when something happens."""
         self.configure(enabled=False)
         program = self.watch()
-        program.expect(f"hoplanectl --app {APP} set enabled on")
+        program.expect_message(f"hoplanectl --app {APP} set enabled on")
         self.lab.pull_cable()
         self.addCleanup(self.lab.plug_cable)
         program.expect("link eth0 is down")
@@ -118,7 +118,7 @@ class Links(Watch):
         """Switching is enabled while it watches: the next event is handled."""
         self.configure(enabled=False)
         program = self.watch()
-        program.expect("set enabled on")
+        program.expect_message("set enabled on")
         self.expect(0, "set", "enabled", "on")
         self.lab.pull_cable()
         self.addCleanup(self.lab.plug_cable)
@@ -128,7 +128,7 @@ class Links(Watch):
     def test_no_file(self):
         """The application has no file: a warning, and it goes on."""
         program = self.watch("--app", "nobody")
-        program.expect("there is no /.*/nobody/switch.ini, so nothing will follow")
+        program.expect_message("there is no /.*/nobody/switch.ini, so nothing will follow")
         self.lab.pull_cable()
         self.addCleanup(self.lab.plug_cable)
         program.expect("link eth0 is down")
@@ -226,7 +226,7 @@ class LanSwitch(Watch):
         """Switching is disabled: the event is told, and that nothing is done."""
         self.configure(enabled=False)
         program = self.running("watch")
-        program.expect("set enabled on")
+        program.expect_message("set enabled on")
         self.wait_for_watcher(program)
         self.lab.flip_lan_switch(1)
         program.expect("the LAN switch reports state 1")
