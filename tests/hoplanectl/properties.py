@@ -320,7 +320,8 @@ class PropertyCase(tool.TestCase):
         return model
 
     def case(self, number, value):
-        return self.subTest(seed=SEED, number=number, value=ascii(value))
+        shortened = ascii(value) if len(ascii(value)) < 300 else ascii(value)[:300] + "..."
+        return self.subTest(seed=SEED, number=number, value=shortened)
 
     def set(self, accepted, arguments, value):
         """Runs `set`, which has to accept the value or has to refuse it."""
@@ -456,6 +457,13 @@ class OneValue(PropertyCase):
                 network = self.values.network(prefix)
                 with self.case(prefix, network):
                     self.check_network(index, network)
+
+    def test_addresses_with_the_prefix_that_is_applied_as_another(self):
+        for index in (0, 1):
+            address, *rest = self.values.network(9)
+            address = address.replace("/9", "/8")
+            with self.case(index, address):
+                self.check_network(index, (address, *rest), address)
 
     def test_spoilt_addresses(self):
         for count in range(60):
