@@ -410,13 +410,13 @@ class OneValue(PropertyCase):
             self.expect_model(model)
 
     def test_names_without_anything_special(self):
-        for count in range(90):
+        for count in range(60):
             name = self.values.good_name()
             with self.case(count, name):
                 self.check_name(name, True)
 
     def test_names_with_something_that_cannot_be_kept_or_not_be_quoted(self):
-        for count in range(120):
+        for count in range(100):
             name = self.values.bad_name()
             with self.case(count, name):
                 self.check_name(name, False)
@@ -429,7 +429,7 @@ class OneValue(PropertyCase):
                     self.check_name(name, False)
 
     def test_servers(self):
-        for count in range(90):
+        for count in range(60):
             text = self.values.server()
             if count % 3:
                 text = self.values.spoilt(text)
@@ -639,7 +639,7 @@ class Import(PropertyCase):
 
     def test_the_same_as_the_librarys(self):
         done = 0
-        for count in range(30):
+        for count in range(25):
             text = self.device_text()
             with self.case(count, text):
                 self.begin()
@@ -649,7 +649,7 @@ class Import(PropertyCase):
                 self.import_by_the_library()
                 wanted = self.results()
                 done += self.compare(before, wanted)
-        self.assertGreater(done, 20)
+        self.assertGreater(done, 16)
 
     def compare(self, before, wanted):
         """True if the tool imports; false if it rightly refuses to."""
