@@ -169,14 +169,14 @@ class Refused(tool.TestCase):
     def setUp(self):
         super().setUp()
         self.path = write("device", {"SwitchEnable": "false", "connectionName": "lan"})
-        self.before = (self.path.read_bytes(), self.path.stat())
+        self.before = tool.state_of(self.path)
 
     def stays(self, status, arguments, reason):
         with self.subTest(arguments=arguments):
             result = self.expect(status, *arguments)
             self.assertEqual(result.out, "")
             self.assertIn(reason, result.err)
-            self.assertEqual((self.path.read_bytes(), self.path.stat()), self.before)
+            self.assertEqual(tool.state_of(self.path), self.before)
             return result
 
     def test_values(self):

@@ -201,10 +201,10 @@ class Set(tool.TestCase):
 
     def test_same_value(self):
         path = write("device", COMPLETE)
-        before = path.stat()
+        before = tool.state_of(path)
         result = self.expect(0, "set", "enabled", "on")
         self.assertEqual(result.out, f"nothing to change: {path} has these values already\n")
-        self.assertEqual(path.stat(), before)
+        self.assertEqual(tool.state_of(path), before)
 
     def test_missing_key_is_written_though_it_means_the_same(self):
         write("device", {})
@@ -407,13 +407,13 @@ network 1: static address 10.0.0.2/24, gateway 10.0.0.1, name servers 10.0.0.53,
 
     def test_dry_run(self):
         path = write("device", COMPLETE)
-        before = path.stat()
+        before = tool.state_of(path)
         other = tool.HOME / "device.ini"
         other.write_text(self.TEXT, encoding="utf-8")
         result = self.expect(0, "import", "--dry-run", "--from", str(other))
-        self.assertIn("connection: wan\n  is now lan\n", result.out)
+        self.assertIn("connection: wan\n  at present lan\n", result.out)
         self.assertIn(f"{path} is not changed\n", result.out)
-        self.assertEqual(path.stat(), before)
+        self.assertEqual(tool.state_of(path), before)
         objects = self.expect(0, "import", "--dry-run", "--from", str(other), "--json").objects
         self.assertEqual([(entry["item"], entry["written"]) for entry in objects],
                          [("connection", False), ("network 1", False)])

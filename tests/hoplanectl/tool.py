@@ -55,6 +55,12 @@ def write(app, values):
     return path
 
 
+def state_of(path):
+    """What each change of a file changes; to read it does not."""
+    state = path.stat()
+    return state.st_ino, state.st_mode, state.st_mtime_ns, state.st_ctime_ns, path.read_bytes()
+
+
 def remove_all():
     """No application has a file any more."""
     subprocess.run(["rm", "-rf", str(HOME / "Documents")], check=True)

@@ -31,7 +31,7 @@ void tell(Output *out, const Settings &before, const Settings &after, bool dryRu
             continue;
         out->line(Text::visible(QStringLiteral("%1: %2").arg(name, value)), Output::Bold);
         out->line(Text::visible(QStringLiteral("  %1 %2").arg(
-                dryRun ? QStringLiteral("is now") : QStringLiteral("was"), old[index].second)));
+                dryRun ? QStringLiteral("at present") : QStringLiteral("was"), old[index].second)));
         out->object({ { QStringLiteral("type"), QStringLiteral("change") },
                       { QStringLiteral("item"), name },
                       { QStringLiteral("old"), old[index].second },

@@ -69,8 +69,6 @@ int Search::run(int timeoutSeconds)
     Hoplane *const library = takeLibrary();
     if (!library)
         return notStarted;
-    if (!isEnabled())
-        refuse(unfitness());
     noteExchange();
     if (timeoutSeconds > 0) {
         m_timeout.setSingleShot(true);

@@ -1,15 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include "text.h"
 
+#include <QVector>
+
 #include <cstring>
 
 QString Text::visible(const QString &text)
 {
     QString shown;
-    for (const QChar character : text)
-        shown += character.isPrint()
-                ? QString(character)
-                : QStringLiteral("\\u%1").arg(character.unicode(), 4, 16, QLatin1Char('0'));
+    for (const uint character : text.toUcs4())
+        shown += QChar::isPrint(character)
+                ? QString::fromUcs4(&character, 1)
+                : QStringLiteral("\\u%1").arg(character, 4, 16, QLatin1Char('0'));
     return shown;
 }
 
