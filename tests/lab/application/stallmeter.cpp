@@ -17,6 +17,7 @@
 namespace {
 constexpr int intervalMs = 5;
 constexpr qint64 limitMs = 50;
+constexpr qint64 emulatedLimitMs = 100;
 constexpr qint64 nanosecondsPerMs = 1'000'000;
 constexpr qint64 msPerSecond = 1000;
 constexpr qint64 intervalNs = intervalMs * nanosecondsPerMs;
@@ -78,8 +79,7 @@ void StallMeter::timerEvent(QTimerEvent *)
     const Reading now = read();
     const qint64 excused = std::max(now.excused - m_last.excused, now.late - m_last.late);
     const qint64 stalled = now.tick - m_last.tick - intervalNs - excused;
-    if (stalled > limitMs * nanosecondsPerMs) {
+    if (stalled > (m_emulated ? emulatedLimitMs : limitMs) * nanosecondsPerMs)
         writeLine("stall", QString::number(stalled / nanosecondsPerMs));
-    }
     m_last = now;
 }

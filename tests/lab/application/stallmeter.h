@@ -12,7 +12,7 @@ class QTimerEvent;
 // thread was ready and waited for a processor, and that by which a second thread, which does
 // nothing but tick, was late as well. Of an emulated program neither does the time that its
 // threads ran, since most of it goes into the translation, for which they wait for one another;
-// there it tells of a main thread that sleeps.
+// there it tells of a main thread that sleeps, and for more than 100 ms.
 class StallMeter : public QObject
 {
     Q_OBJECT
