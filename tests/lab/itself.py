@@ -49,7 +49,7 @@ def nothing_wrong(lab):
 
 @scenario(only="itself")
 def stalled_event_loop(lab):
-    """The event loop is kept for 80 ms, several times: of one a busy machine may excuse too much."""
+    """The event loop is kept for 80 ms, several times: a busy machine excuses much."""
     app = searched(lab)
     for _ in range(8):
         app.tell("stall", "80")

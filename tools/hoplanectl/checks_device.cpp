@@ -124,7 +124,8 @@ Findings Check::deviceFile(Situation &situation)
         return { Finding::good(
                 QStringLiteral("there is no %1: no start of the application changes the file")
                         .arg(path)) };
-    const QString reason = DeviceSettings::unfitness(path);
+    DeviceSettings settings;
+    const QString reason = settings.load(path);
     if (!reason.isEmpty())
         return { Finding::fault(
                 QStringLiteral("%1: %2. The next start of the application empties the connection's "
@@ -134,7 +135,7 @@ Findings Check::deviceFile(Situation &situation)
     if (situation.path.isEmpty())
         return { Finding::notJudged(
                 QStringLiteral("there is no configuration that %1 would change").arg(path)) };
-    const Changes changes = DeviceSettings::read(path).changes();
+    const Changes changes = settings.changes();
     Settings after = situation.settings;
     changes.applyTo(&after);
     Findings found;

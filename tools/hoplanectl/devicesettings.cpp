@@ -27,30 +27,25 @@ QString DeviceSettings::path()
     return QLatin1String(deviceSettingsPath);
 }
 
-QString DeviceSettings::unfitness(const QString &path, bool *isIni)
+QString DeviceSettings::load(const QString &path, bool *isIni)
 {
     QFile file(path);
     if (!QFileInfo(path).isFile())
         return QStringLiteral("it is no regular file");
     if (!file.open(QIODevice::ReadOnly))
         return file.errorString();
-    // In the library's encoding: what one QSettings has read of a file, the next one takes over.
-    const IniFile settings(path);
-    if (!settings.childGroups().contains(QStringLiteral("NetworkConnections")))
+    readDeviceSettings(path,
+                       { [&](const QString &name) { connectionName = name; },
+                         [&](const LocalAddressing &addressing) { master = addressing; },
+                         [&](const LocalAddressing &addressing) { slave = addressing; } });
+    // By another name: what one reader has parsed of a file, the next one takes over, and the
+    // library's parses some sections only.
+    const IniFile whole(QStringLiteral("/proc/self/fd/%1").arg(file.handle()));
+    if (!whole.childGroups().contains(QStringLiteral("NetworkConnections")))
         return QStringLiteral("it has no group NetworkConnections");
     if (isIni)
-        *isIni = settings.status() == QSettings::NoError;
+        *isIni = whole.status() == QSettings::NoError;
     return QString();
-}
-
-DeviceSettings DeviceSettings::read(const QString &path)
-{
-    DeviceSettings settings;
-    readDeviceSettings(path,
-                       { [&](const QString &name) { settings.connectionName = name; },
-                         [&](const LocalAddressing &addressing) { settings.master = addressing; },
-                         [&](const LocalAddressing &addressing) { settings.slave = addressing; } });
-    return settings;
 }
 
 Changes DeviceSettings::changes() const

@@ -13,10 +13,10 @@ struct DeviceSettings
 
     // Where the device keeps it.
     static QString path();
-    // Why an import of the file would find nothing; nothing if it would find something. Then
-    // `isIni` tells whether it is an INI file throughout, which the library does not ask.
-    static QString unfitness(const QString &path, bool *isIni = nullptr);
-    static DeviceSettings read(const QString &path);
+    // Reads the file. Returns why an import of it would find nothing; nothing if it would find
+    // something. Then `isIni` tells whether it is an INI file throughout, which the library does
+    // not ask.
+    QString load(const QString &path, bool *isIni = nullptr);
 
     // What an import of them changes.
     Changes changes() const;

@@ -8,14 +8,14 @@
 
 namespace {
 
-// Why the file cannot be imported; nothing if it can. The library itself asks for nothing of this
-// and imports emptiness.
-QString unfit(const QString &path)
+// Why the file that is loaded cannot be imported; nothing if it can. The library itself asks for
+// nothing of this and imports emptiness.
+QString load(const QString &path, DeviceSettings *settings)
 {
     if (!QFile::exists(path))
         return QStringLiteral("there is no %1").arg(path);
     bool isIni = true;
-    const QString reason = DeviceSettings::unfitness(path, &isIni);
+    const QString reason = settings->load(path, &isIni);
     if (!reason.isEmpty())
         return QStringLiteral("%1: %2").arg(path, reason);
     return isIni ? QString() : QStringLiteral("%1: it is no INI file throughout").arg(path);
@@ -37,12 +37,13 @@ int runImport(Context &context, const Command &command, const QStringList &argum
         return line.status();
     const bool dryRun = line.isSet(QStringLiteral("dry-run"));
     const QString from = line.value(QStringLiteral("from"));
-    const QString reason = unfit(from);
+    DeviceSettings settings;
+    const QString reason = load(from, &settings);
     if (!reason.isEmpty()) {
         Output::message(QStringLiteral("nothing is changed: %1").arg(reason));
         return ExitFailed;
     }
     if (!Configuration::choose(context.app, true))
         return ExitFailed;
-    return makeChanges(&context.out, DeviceSettings::read(from).changes(), dryRun);
+    return makeChanges(&context.out, settings.changes(), dryRun);
 }
