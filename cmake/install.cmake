@@ -1,0 +1,62 @@
+# What "cmake --install" installs, in four components:
+#
+#   Runtime        the shared library
+#   Development    the headers, and what CMake and pkg-config find the library with
+#   Tools          hoplanectl with its completions and its manual page
+#   Documentation  the texts for people, the sample files, the manual page of the library
+#
+# Nothing installed names a folder of this machine: the whole tree can be moved.
+
+include(CMakePackageConfigHelpers)
+
+install(TARGETS hoplane EXPORT Hoplane
+  LIBRARY
+    DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+    COMPONENT Runtime
+    NAMELINK_COMPONENT Development)
+install(FILES ${public_headers}
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/hoplane"
+  COMPONENT Development)
+
+set(cmake_folder "${CMAKE_INSTALL_LIBDIR}/cmake/Hoplane")
+install(EXPORT Hoplane
+  NAMESPACE Hoplane::
+  FILE HoplaneTargets.cmake
+  DESTINATION "${cmake_folder}"
+  COMPONENT Development)
+configure_package_config_file(cmake/HoplaneConfig.cmake.in HoplaneConfig.cmake
+  INSTALL_DESTINATION "${cmake_folder}"
+  NO_SET_AND_CHECK_MACRO
+  NO_CHECK_REQUIRED_COMPONENTS_MACRO)
+write_basic_package_version_file(HoplaneConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES
+  "${PROJECT_BINARY_DIR}/HoplaneConfig.cmake"
+  "${PROJECT_BINARY_DIR}/HoplaneConfigVersion.cmake"
+  DESTINATION "${cmake_folder}"
+  COMPONENT Development)
+
+set(pkgconfig_folder "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+# From the file's own folder, which pkg-config knows, back to the prefix.
+file(RELATIVE_PATH pkgconfig_to_prefix
+  "/prefix/${pkgconfig_folder}" "/prefix")
+string(REGEX REPLACE "/$" "" pkgconfig_to_prefix "${pkgconfig_to_prefix}")
+configure_file(cmake/hoplane.pc.in hoplane.pc @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/hoplane.pc"
+  DESTINATION "${pkgconfig_folder}"
+  COMPONENT Development)
+
+if(HOPLANE_BUILD_TOOLS)
+  set(completions tools/hoplanectl/completion)
+  install(TARGETS hoplanectl
+    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT Tools)
+  install(FILES ${completions}/hoplanectl.bash
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions"
+    RENAME hoplanectl
+    COMPONENT Tools)
+  install(FILES ${completions}/_hoplanectl
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions"
+    COMPONENT Tools)
+  install(FILES docs/man/hoplanectl.1
+    DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+    COMPONENT Tools)
+endif()
