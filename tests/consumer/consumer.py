@@ -2,8 +2,14 @@
 """Other projects take the library: the example is built against the installed tree in each way that
 there is, and gets a search through.
 
-Usage, in script/sandbox: consumer.py BUILD_FOLDER LIBRARY_FOLDER [WAY], with the name of the folder
-below the prefix where libraries go, such as "lib". Without WAY all but the ways are tested.
+Usage, in script/sandbox:
+
+  consumer.py BUILD_FOLDER LIBRARY_FOLDER        what is installed, and where
+  consumer.py BUILD_FOLDER LIBRARY_FOLDER WAY    the example, built in this way
+  consumer.py system WAY                         the same with the library that is installed here
+  consumer.py run COMMAND [ARGUMENT...]          the example, as it is
+
+with the name of the folder below the prefix where libraries go, such as "lib".
 """
 
 import os
@@ -20,7 +26,9 @@ sys.path.append(str(ROOT / "tests" / "lab"))
 from laboratory import (CONNECTION, NET1, NET2, PORT, Laboratory,  # noqa: E402
                         write_configuration)
 
+SYSTEM, RUN = sys.argv[1] == "system", sys.argv[2:] if sys.argv[1] == "run" else None
 BUILD, LIBRARIES = pathlib.Path(sys.argv[1]), sys.argv[2]
+WAY = None if RUN else (sys.argv[2:] if SYSTEM else sys.argv[3:] or [None])[0]
 EXAMPLE = ROOT / "examples" / "failover"
 FOLDER = pathlib.Path(tempfile.mkdtemp())
 # Installed at one place, and used at another.
@@ -54,7 +62,8 @@ def copy_example():
 
 
 def by_cmake(folder):
-    run("cmake", "-G", "Ninja", "-B", "build", f"-DCMAKE_PREFIX_PATH={HERE}", folder=folder)
+    prefix = [] if SYSTEM else [f"-DCMAKE_PREFIX_PATH={HERE}"]
+    run("cmake", "-B", "build", *prefix, folder=folder)
     run("cmake", "--build", "build", folder=folder)
     return folder / "build" / "failover"
 
@@ -96,11 +105,29 @@ install(TARGETS failover)
 
 
 def pkg_config():
-    return {"PKG_CONFIG_PATH": str(HERE / LIBRARIES / "pkgconfig")}
+    return {} if SYSTEM else {"PKG_CONFIG_PATH": str(HERE / LIBRARIES / "pkgconfig")}
 
 
 WAYS = {"cmake": by_cmake, "make": by_make, "qmake": by_qmake, "fetchcontent": by_fetch_content}
-WAY = sys.argv[3] if len(sys.argv) > 3 else None
+
+
+def search(command):
+    """Runs the example where the first server accepts; it has to find that."""
+    write_configuration("failover", {
+        "SwitchEnable": "true", "connectionName": CONNECTION,
+        "FirstServerIp": NET1.server, "FirstServerPort": PORT, "FirstIsAutomatically": "true",
+        "FirstLocalIp": NET1.device, "FirstLocalMask": "255.255.255.0",
+        "FirstLocalGateWay": NET1.server, "SecondServerIp": NET2.server,
+        "SecondServerPort": PORT, "SecondIsAutomatically": "false"})
+    with Laboratory() as lab:
+        lab.start_server(NET1.server)
+        lines = []
+        application = lab.start_application(command, lines.append)
+        success = f"use server {NET1.server} port {PORT}"
+        if not application.wait_for(lambda line: line == success, 60):
+            raise AssertionError("\n".join(["no success:", *lines]))
+        if lab.addresses() != [f"{NET1.device}/24"]:
+            raise AssertionError(f"the device has {lab.addresses()}")
 
 
 class Consumer(unittest.TestCase):
@@ -114,20 +141,20 @@ class Consumer(unittest.TestCase):
         self.assertIn("libhoplane.so.1 => /", library)
         if WAY != "fetchcontent":
             install("Runtime")
-        write_configuration("failover", {
-            "SwitchEnable": "true", "connectionName": CONNECTION,
-            "FirstServerIp": NET1.server, "FirstServerPort": PORT, "FirstIsAutomatically": "true",
-            "FirstLocalIp": NET1.device, "FirstLocalMask": "255.255.255.0",
-            "FirstLocalGateWay": NET1.server, "SecondServerIp": NET2.server,
-            "SecondServerPort": PORT, "SecondIsAutomatically": "false"})
-        with Laboratory() as lab:
-            lab.start_server(NET1.server)
-            lines = []
-            application = lab.start_application(
-                ["env", f"LD_LIBRARY_PATH={HERE / LIBRARIES}", program], lines.append)
-            success = f"use server {NET1.server} port {PORT}"
-            self.assertTrue(application.wait_for(lambda line: line == success, 60), lines)
-            self.assertEqual(lab.addresses(), [f"{NET1.device}/24"])
+        search(["env", f"LD_LIBRARY_PATH={HERE / LIBRARIES}", program])
+
+
+class Elsewhere(unittest.TestCase):
+    """With a library that was not installed by this test."""
+
+    def test_system(self):
+        program = WAYS[WAY](copy_example())
+        libraries = run("ldd", program)
+        self.assertRegex(libraries, r"libhoplane\.so\.1 => /(usr/)?lib/")
+        search([program])
+
+    def test_program(self):
+        search(RUN)
 
 
 class Installed(unittest.TestCase):
@@ -227,6 +254,7 @@ class Installed(unittest.TestCase):
 if __name__ == "__main__":
     del sys.argv[1:]
     try:
-        unittest.main(defaultTest="Consumer" if WAY else "Installed")
+        unittest.main(defaultTest="Elsewhere.test_program" if RUN else
+                      "Elsewhere.test_system" if SYSTEM else "Consumer" if WAY else "Installed")
     finally:
         shutil.rmtree(FOLDER)
