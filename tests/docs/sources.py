@@ -141,6 +141,8 @@ class Library:
         """The texts that an identifier stands for: a constant, or what callers hand down."""
         if identifier == "__func__":
             return [function.name]
+        if is_literals(identifier):
+            return [text_of(identifier)]
         constants = {value for (file, name), value in self.constants.items()
                      if name == identifier and file == function.file}
         if constants:
