@@ -346,16 +346,22 @@ class Laboratory:
     def _raise_bus(self):
         settings = self._folder / "NetworkManager"
         (settings / "system-connections").mkdir(parents=True)
-        (settings / "NetworkManager.conf").write_text(
-            MANAGER_CONFIGURATION.format(manage_loopback=int(self._manage_loopback)))
+        (settings / "NetworkManager.conf").write_text(self._manager_configuration())
         run("mount", "-t", "tmpfs", "tmpfs", "/var/lib/NetworkManager")
         run("mount", "--bind", str(settings), "/etc/NetworkManager")
         bus = self._folder / "bus"
         configuration = self._folder / "bus.conf"
-        configuration.write_text(BUS_CONFIGURATION.format(socket=bus))
+        configuration.write_text(self._bus_configuration(bus))
         os.environ["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={bus}"
         self._start(["dbus-daemon", f"--config-file={configuration}", "--nofork"])
         wait_until(bus.exists, 10, "the message bus")
+
+    def _manager_configuration(self):
+        return MANAGER_CONFIGURATION.format(manage_loopback=int(self._manage_loopback))
+
+    @staticmethod
+    def _bus_configuration(path):
+        return BUS_CONFIGURATION.format(socket=path)
 
     # What a person could do to the network.
 
