@@ -29,6 +29,7 @@ SAMPLES = pathlib.Path(__file__).resolve().parents[2] / "examples/device"
 SYSTEMD = "/lib/systemd/systemd"
 UNITS = pathlib.Path("/sandbox/units")
 JOURNAL = pathlib.Path("/sandbox/journal")
+DEVICE_FILE = pathlib.Path("/userdata/netSettings.ini")
 GROUP = "HOPLANE_CONTROL_GROUP"
 # Where systemd is the first process of a machine that has nothing but the unit.
 BOOT = f"""set -e
@@ -121,13 +122,17 @@ class Service(unittest.TestCase):
         return found
 
     def configure(self):
+        """The servers only: the connection and the networks are imported."""
         for words in (("server", "1", f"{NET1.server}:{PORT}"),
-                      ("network", "1", "--address", NET1.device + "/24", "--gateway", NET1.server),
-                      ("server", "2", f"{NET2.server}:{PORT}"), ("network", "2", "--dhcp"),
-                      ("connection", CONNECTION), ("enabled", "on")):
+                      ("server", "2", f"{NET2.server}:{PORT}"), ("enabled", "on")):
             done = self._lab.run_as("failover", str(DEVICE / "hoplanectl"), "--app", "failover",
                                     "set", *words)
             self.assertEqual(done[0], 0, done)
+        DEVICE_FILE.write_text(
+            f"[NetworkConnections]\nconName={CONNECTION}\nMasterNet\\bDhcpEnabled=false\n"
+            f"MasterNet\\ip={NET1.device}\nMasterNet\\mask=255.255.255.0\n"
+            f"MasterNet\\gateway={NET1.server}\n", encoding="utf-8")
+        DEVICE_FILE.chmod(0o644)
 
     def test_unit(self):
         lab = self._lab
@@ -147,7 +152,7 @@ class Service(unittest.TestCase):
         self.assertRegex(status, "Seccomp:\t2\n")
         text = JOURNAL.read_text(encoding="utf-8")
         self.assertEqual(text.count("<7>[ tryConnectRemote ] connect to host fail: "), 10)
-        self.assertIn("<4>[ loadSwitchLocalConfig ] NetSetting.ini not exist.", text)
+        self.assertIn("<4>[ slotFinish ]", text)
 
         # A link event.
         lab.start_server(NET1.server)
