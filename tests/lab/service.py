@@ -150,6 +150,10 @@ class Service(unittest.TestCase):
         self.assertRegex(status, "NoNewPrivs:\t1\n")
         # Filtered.
         self.assertRegex(status, "Seccomp:\t2\n")
+        # The import reached the file, and not only this process's memory of it.
+        stored = (HOMES / "failover/Documents/failover/switch.ini").read_text(encoding="utf-8")
+        self.assertIn(f"\nconnectionName={CONNECTION}\n", stored)
+        self.assertIn(f"\nFirstLocalIp={NET1.device}\n", stored)
         text = JOURNAL.read_text(encoding="utf-8")
         self.assertEqual(text.count("<7>[ tryConnectRemote ] connect to host fail: "), 10)
         self.assertIn("<4>[ slotFinish ]", text)
