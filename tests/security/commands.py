@@ -131,6 +131,15 @@ class Tool(TestCase):
         self.refuses("network", "2", "--address", "10.0.0.2/24", "--dns", SUBSTITUTED)
         self.refuses("server", "1", f"{SUBSTITUTED}:9000")
 
+    def test_import_takes_what_the_library_takes(self):
+        DEVICE_SETTINGS.write_text(f'[NetworkConnections]\nconName="{QUOTED}"\n', encoding="ascii")
+        self.assertEqual(hoplanectl("import").returncode, 0)
+        by_the_tool = CONFIGURATION.read_bytes()
+        CONFIGURATION.unlink()
+        with application():
+            self.assertEqual(CONFIGURATION.read_bytes(), by_the_tool)
+        self.assertIn(QUOTED.encode(), by_the_tool)
+
     def test_check_finds(self):
         with application() as arm:
             arm.do("connection", "lan")
