@@ -103,9 +103,11 @@ local convert = {
     for level, id, title in raw.text:gmatch('<h([12]) class="S[hs]" id="([^"]+)"><a[^>]*>(.-)</a>') do
       table.insert(list, ('<li class="level%s"><a href="#%s">%s</a></li>'):format(level, id, title))
     end
-    contents = pandoc.MetaBlocks({
-      pandoc.RawBlock('html', '<ul>\n' .. table.concat(list, '\n') .. '\n</ul>')
-    })
+    if #list > 0 then
+      contents = pandoc.MetaBlocks({
+        pandoc.RawBlock('html', '<ul>\n' .. table.concat(list, '\n') .. '\n</ul>')
+      })
+    end
     raw.text = raw.text:gsub('<a class="Xr" href="none:[^"]*">(.-)</a>', '<b>%1</b>')
     return raw
   end,
