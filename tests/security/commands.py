@@ -67,7 +67,7 @@ class TestCase(unittest.TestCase):
 
     def assert_runs(self, arm):
         self.search(arm)
-        wait_until(PROOF.exists, SECONDS, "the command has not run")
+        wait_until(PROOF.exists, "the command has not run")
 
 
 class Library(TestCase):

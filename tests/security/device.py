@@ -14,11 +14,19 @@ CONFIGURATION = HOME / "Documents" / "laboratory" / "switch.ini"
 DEVICE_SETTINGS = pathlib.Path("/userdata/netSettings.ini")
 sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "lab"))
 
-from laboratory import Program, wait_until  # noqa: E402  pylint: disable=wrong-import-position
+import laboratory  # noqa: E402  pylint: disable=wrong-import-position
 
 ARGUMENTS = []
 SECONDS = 30
 ROUTE, UEVENT = 0, 15
+
+
+def wait_until(condition, what):
+    """Asks until the condition holds; returns its value."""
+    try:
+        return laboratory.wait_until(condition, SECONDS, what)
+    except laboratory.LaboratoryError as late:
+        raise AssertionError(str(late)) from None
 
 
 class Device:
@@ -30,7 +38,7 @@ class Device:
         self.program = None
 
     def __enter__(self):
-        self.program = Program(self._command, stdin=subprocess.PIPE)
+        self.program = laboratory.Program(self._command, stdin=subprocess.PIPE)
         self.see(r"^@\S+ ready ")
         return self
 
@@ -70,7 +78,7 @@ class Device:
         """The watcher's port, when it has one."""
         def found():
             return [port for of, port, groups in self.netlink() if of == protocol and groups]
-        return wait_until(found, SECONDS, "the watcher does not listen")[0]
+        return wait_until(found, "the watcher does not listen")[0]
 
 
 def main():
