@@ -1,9 +1,9 @@
 # What "cmake --install" installs, in four components:
 #
 #   Runtime        the shared library
-#   Development    the headers, and what CMake and pkg-config find the library with
-#   Tools          hoplanectl with its completions and its manual page
-#   Documentation  the texts for people, the sample files, the manual page of the library
+#   Development    the headers, what CMake and pkg-config find the library with, hoplane(3)
+#   Tools          hoplanectl with its completions, hoplanectl(1) and switch.ini(5)
+#   Documentation  the documents, the sample files, and the site if HOPLANE_BUILD_DOCS is on
 #
 # Nothing installed names a folder of this machine: the whole tree can be moved.
 
@@ -45,6 +45,10 @@ install(FILES "${PROJECT_BINARY_DIR}/hoplane.pc"
   DESTINATION "${pkgconfig_folder}"
   COMPONENT Development)
 
+install(FILES docs/man/hoplane.3
+  DESTINATION "${CMAKE_INSTALL_MANDIR}/man3"
+  COMPONENT Development)
+
 if(HOPLANE_BUILD_TOOLS)
   set(completions tools/hoplanectl/completion)
   install(TARGETS hoplanectl
@@ -59,4 +63,26 @@ if(HOPLANE_BUILD_TOOLS)
   install(FILES docs/man/hoplanectl.1
     DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
     COMPONENT Tools)
+  install(FILES docs/man/switch.ini.5
+    DESTINATION "${CMAKE_INSTALL_MANDIR}/man5"
+    COMPONENT Tools)
+endif()
+
+# The documents link to one another: they stay together.
+install(FILES CHANGELOG.md LICENSE README.md SECURITY.md
+  DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+  COMPONENT Documentation)
+install(DIRECTORY docs
+  DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+  COMPONENT Documentation
+  FILES_MATCHING PATTERN "*.md" PATTERN "*.svg"
+  PATTERN man EXCLUDE
+  PATTERN site EXCLUDE)
+install(DIRECTORY examples/device examples/failover
+  DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples"
+  COMPONENT Documentation)
+if(HOPLANE_BUILD_DOCS)
+  install(DIRECTORY "${PROJECT_BINARY_DIR}/site/"
+    DESTINATION "${CMAKE_INSTALL_DOCDIR}/html"
+    COMPONENT Documentation)
 endif()

@@ -174,13 +174,21 @@ class Installed(unittest.TestCase):
             f"{lib}/cmake/Hoplane/HoplaneConfigVersion.cmake",
             f"{lib}/cmake/Hoplane/HoplaneTargets.cmake",
             "include/hoplane/hoplane.h", "include/hoplane/networkswitchworker.h",
-            "include/hoplane/caddresswatcher.h"})
+            "include/hoplane/caddresswatcher.h", "share/man/man3/hoplane.3"})
         self.assertEqual(install("Runtime"),
                          {f"{lib}/libhoplane.so.1", f"{lib}/libhoplane.so.{version}"})
         self.assertEqual(install("Tools"), {
-            "bin/hoplanectl", "share/man/man1/hoplanectl.1",
+            "bin/hoplanectl", "share/man/man1/hoplanectl.1", "share/man/man5/switch.ini.5",
             "share/bash-completion/completions/hoplanectl",
             "share/zsh/vendor-completions/_hoplanectl"})
+        documents = {str(path.relative_to(ROOT)) for folder in ("docs", "examples")
+                     for path in (ROOT / folder).rglob("*")
+                     if path.is_file() and path.name != "CMakeLists.txt"
+                     and (folder == "examples" or path.suffix in (".md", ".svg"))}
+        documents |= {"CHANGELOG.md", "LICENSE", "README.md", "SECURITY.md",
+                      "examples/failover/CMakeLists.txt"}
+        self.assertEqual(install("Documentation"),
+                         {f"share/doc/Hoplane/{name}" for name in documents})
 
     def test_nothing_names_a_folder_of_the_build(self):
         names = install("Runtime", "Development", "Tools", "Documentation")
