@@ -68,6 +68,19 @@ def by_cmake(folder):
     return folder / "build" / "failover"
 
 
+def by_readme(folder):
+    """With nothing but what the README shows."""
+    text = (ROOT / "README.md").read_text(encoding="utf-8")
+
+    def block(language):
+        return re.search(rf"^```{language}\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)[1]
+    (folder / "main.cpp").write_text(block("cpp"), encoding="utf-8")
+    (folder / "CMakeLists.txt").write_text(
+        "cmake_minimum_required(VERSION 3.25)\nproject(readme LANGUAGES CXX)\n" + block("cmake"),
+        encoding="utf-8")
+    return by_cmake(folder)
+
+
 def by_make(folder):
     run("make", folder=folder, environment=pkg_config())
     return folder / "failover"
@@ -108,7 +121,8 @@ def pkg_config():
     return {} if SYSTEM else {"PKG_CONFIG_PATH": str(HERE / LIBRARIES / "pkgconfig")}
 
 
-WAYS = {"cmake": by_cmake, "make": by_make, "qmake": by_qmake, "fetchcontent": by_fetch_content}
+WAYS = {"readme": by_readme, "cmake": by_cmake, "make": by_make, "qmake": by_qmake,
+        "fetchcontent": by_fetch_content}
 
 
 def search(command):

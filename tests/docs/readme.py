@@ -31,12 +31,16 @@ class Readme(unittest.TestCase):
         self.assertEqual(block("cpp"), example)
 
     def test_cmake_lines_build_the_code(self):
+        """With the sources; with the installed library they are a consumer's."""
+        lines = block("cmake").replace("find_package(Hoplane 1 REQUIRED)",
+                                       "add_subdirectory(hoplane)")
+        self.assertIn("add_subdirectory", lines)
         with tempfile.TemporaryDirectory() as folder:
             project = pathlib.Path(folder)
             (project / "hoplane").symlink_to(ROOT)
             (project / "main.cpp").write_text(block("cpp"), encoding="utf-8")
             (project / "CMakeLists.txt").write_text(
-                "cmake_minimum_required(VERSION 3.25)\nproject(readme CXX)\n" + block("cmake"),
+                "cmake_minimum_required(VERSION 3.25)\nproject(readme CXX)\n" + lines,
                 encoding="utf-8")
             for command in (["cmake", "-G", "Ninja", "-B", "build"], ["cmake", "--build", "build"]):
                 done = subprocess.run(command, cwd=project, stdout=subprocess.PIPE,
@@ -47,7 +51,7 @@ class Readme(unittest.TestCase):
 
     def test_named_files_are_there(self):
         names = set(re.findall(r"(?:script|tests|examples|bench|facade|worker|watcher|\.ci)"
-                               r"/[\w./]*",
+                               r"/[\w./-]*",
                                README))
         self.assertGreater(len(names), 5)
         for name in sorted(names):

@@ -247,7 +247,7 @@ class Documents(unittest.TestCase):
     def test_named_files_are_there(self):
         for document in ("CONTRIBUTING.md", "SECURITY.md", "CHANGELOG.md"):
             names = set(re.findall(r"(?:script|tests|examples|bench|facade|worker|watcher|tools"
-                                   r"|docs|\.ci)/[\w./]*", self.text(document)))
+                                   r"|docs|\.ci)/[\w./-]*", self.text(document)))
             self.assertGreater(len(names), 0)
             for name in names - {"docs/NAME.md"}:
                 self.assertTrue((ROOT / name).exists(), f"{document}: {name}")
