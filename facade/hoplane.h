@@ -40,8 +40,8 @@ QT_WARNING_DISABLE_DEPRECATED
  * one shows as a failed command or a failed probe. They become parts of shell commands: never store
  * a text from somebody who is not trusted to run commands as the application.
  *
- * Binary interface: as long as the library is libhoplane.so.1, an application that was built with an
- * earlier version of it runs with this one unchanged.
+ * Binary interface: as long as the library is libhoplane.so.1, an application that was built with
+ * an earlier version of it runs with this one unchanged.
  *
  * Errors: nothing here throws. A failed search arrives as switchFailed(). Of the other failures
  * some are reported in the log (Qt's message logger, category "default"), the rest, such as a file
