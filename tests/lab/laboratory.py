@@ -160,13 +160,14 @@ class Program:
             reader.start()
 
     def _read(self, stream):
-        for line in stream:
-            line = line.rstrip("\n")
-            if self._on_line:
-                self._on_line(line)
-            with self._news:
-                self.lines.append(line)
-                self._news.notify_all()
+        with stream:
+            for line in stream:
+                line = line.rstrip("\n")
+                if self._on_line:
+                    self._on_line(line)
+                with self._news:
+                    self.lines.append(line)
+                    self._news.notify_all()
         with self._news:
             self._open -= 1
             self._news.notify_all()
