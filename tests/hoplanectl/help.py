@@ -12,7 +12,7 @@ import subprocess
 
 import log
 import tool
-from live import Running, run
+from live import Running, run, wait_for_link_socket
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PAGE = ROOT / "docs" / "man" / "hoplanectl.1"
@@ -476,7 +476,7 @@ class Objects(TestCase):
         self.configure()
         program = Running("watch", "--json")
         self.addCleanup(program.stop)
-        program.expect_link_socket()
+        wait_for_link_socket(program.pid)
         run("ip", "link", "set", "eth0", "down")
         program.expect('"signal":"switchBegin"')
         run("ip", "link", "set", "eth0", "up")

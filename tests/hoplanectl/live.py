@@ -50,6 +50,21 @@ def masked(text):
     return "".join(line + "\n" for line in lines)
 
 
+def wait_for_link_socket(pid):
+    """Waits until the process has a socket that is bound to the notifications of links."""
+    def is_bound():
+        own = set()
+        for entry in os.scandir(f"/proc/{pid}/fd"):
+            with contextlib.suppress(FileNotFoundError):
+                own.add(os.readlink(entry.path))
+        with open("/proc/net/netlink", encoding="ascii") as table:
+            rows = [line.split() for line in table.readlines()[1:]]
+        # Protocol 0, group 1.
+        return any(row[1] == "0" and int(row[3], 16) == 1 and f"socket:[{row[9]}]" in own
+                   for row in rows)
+    wait_until(is_bound, PATIENCE, "a socket for notifications of links")
+
+
 class Running(Program):
     """The tool at work; its lines, results and messages, are waited for."""
 
@@ -79,20 +94,6 @@ class Running(Program):
             return not missing
         if self.wait_for(is_last, seconds) is None:
             raise AssertionError(f"no line has {missing}:\n" + "\n".join(self.lines))
-
-    def expect_link_socket(self):
-        """Waits until it has a socket that is bound to the notifications of links."""
-        def is_bound():
-            own = set()
-            for entry in os.scandir(f"/proc/{self.pid}/fd"):
-                with contextlib.suppress(FileNotFoundError):
-                    own.add(os.readlink(entry.path))
-            with open("/proc/net/netlink", encoding="ascii") as table:
-                rows = [line.split() for line in table.readlines()[1:]]
-            # Protocol 0, group 1.
-            return any(row[1] == "0" and int(row[3], 16) == 1 and f"socket:[{row[9]}]" in own
-                       for row in rows)
-        wait_until(is_bound, PATIENCE, "a socket for notifications of links")
 
     def end(self, number=signal.SIGINT):
         """Interrupts it; returns its exit status."""

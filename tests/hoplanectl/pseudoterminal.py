@@ -31,8 +31,8 @@ class Terminal:
     def __init__(self, *arguments, columns=80, environment=None):
         self.output = b""
         self.status = None
-        self._pid, self._end = pty.fork()
-        if self._pid == 0:
+        self.pid, self._end = pty.fork()
+        if self.pid == 0:
             try:
                 os.environ.update({"TERM": "xterm"} | (environment or {}))
                 # Before the tool can ask for it.
@@ -54,11 +54,11 @@ class Terminal:
         while self._read(1):
             if time.monotonic() > limit:
                 raise AssertionError(f"no end: {self.output.decode(errors='replace')}")
-        self.status = os.waitstatus_to_exitcode(os.waitpid(self._pid, 0)[1])
+        self.status = os.waitstatus_to_exitcode(os.waitpid(self.pid, 0)[1])
         os.close(self._end)
 
     def send(self, number):
-        os.kill(self._pid, number)
+        os.kill(self.pid, number)
 
     def type(self, text):
         """As typed by a person."""

@@ -13,7 +13,7 @@ import sys
 import tool
 from laboratory import CONNECTION, LAN_SWITCH, NET1, NET2, PORT
 from live import (APP, ARM, TestCase, Terminal, masked, setUpModule,  # noqa: F401
-                  static)
+                  static, wait_for_link_socket)
 
 WITHOUT_SOCKETS = "--without-uevent-sockets"
 FIRST, SECOND = f"{NET1.server}:{PORT}", f"{NET2.server}:{PORT}"
@@ -53,7 +53,7 @@ class Watch(TestCase):
         if ARM:
             program.expect("listening to the LAN switch")
         else:
-            program.expect_link_socket()
+            wait_for_link_socket(program.pid)
 
     def check_golden_lines(self, name, program):
         """All lines of the run that is over; the signals, which the log does not wait for, last."""
@@ -165,6 +165,7 @@ class Links(Watch):
         self.configure()
         terminal = Terminal("watch")
         terminal.read_until("watching ")
+        wait_for_link_socket(terminal.pid)
         self.lab.pull_cable()
         terminal.read_until("signal switchBegin")
         self.assertEqual(terminal.drawn, [])
