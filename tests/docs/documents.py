@@ -25,7 +25,7 @@ ROOT = pathlib.Path(sys.argv[1]).resolve()
 TOPIC = sys.argv[2]
 DOCS = ROOT / "docs"
 PICTURES = DOCS / "pictures"
-LIBRARY = sources.Library(ROOT)
+LIBRARY = sources.Code(ROOT)
 
 
 def markdown_files():

@@ -73,7 +73,7 @@ def in_brackets(text, begin):
         position += 1
 
 
-class Library:
+class Code:
     def __init__(self, root):
         self._texts = {}
         for folder in FOLDERS:
