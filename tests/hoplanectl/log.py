@@ -881,7 +881,7 @@ class Files(TestCase):
             # Of processors: what the tool itself took.
             return after.children_user + after.children_system - (
                 before.children_user + before.children_system)
-        self.assertLess(spent_on(2000), 20 * spent_on(200))
+        self.assertLess(spent_on(1000), 20 * spent_on(100))
 
     def test_usage(self):
         """Two files are one too many."""
