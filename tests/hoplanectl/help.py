@@ -4,11 +4,14 @@ statuses; what the manual page tells of the JSON objects and the items of check 
 writes, and what stands in its sources."""
 
 import collections
+import os
 import pathlib
+import pty
 import re
 import shlex
 import socket
 import subprocess
+import tempfile
 
 import log
 import tool
@@ -32,6 +35,80 @@ FIELDS_OF = {"show.cpp": ["show"], "change.cpp": ["set, import"], "check.cpp": [
 NO_FIELDS = {"change.cpp": {"switching", "connection"}}
 # What only a search that fails after its 120 s tells.
 LATE = {("watch", "signal"): {"error", "code"}}
+
+# Answers as NetworkManager's does: with colons escaped unless told not to.
+NMCLI = r"""#!/bin/sh
+case "$*" in
+  "-e no -g NAME,TYPE connection show") sed 's/\\//' ;;
+  "-g NAME,TYPE connection show") cat ;;
+esac <<'end'
+Wired connection 1:802-3-ethernet
+lo:loopback
+Home of 802-3-ethernet:802-11-wireless
+a\:b:802-3-ethernet
+end
+"""
+# Completes each line of the file "lines" as the Tab key does; tells what was offered, and then what
+# became of the line.
+ZSHRC = r"""
+fpath=($COMPLETION $fpath)
+unsetopt auto_menu
+autoload -Uz compinit
+compinit -D -u
+compadd() {
+  local -a fitting
+  (( $@[(I)-[ADO]*] )) || builtin compadd -O fitting "$@"
+  offered+=($fitting)
+  builtin compadd "$@"
+}
+zle-line-init() {
+  local line
+  local -aU offered
+  for line in ${(f)"$(<$ZDOTDIR/lines)"}; do
+    offered=()
+    BUFFER=$line CURSOR=$#line
+    zle complete-word
+    print -r -- ${(j:|:)offered} >> $ZDOTDIR/answers
+    print -r -- $BUFFER >> $ZDOTDIR/answers
+  done
+  exit
+}
+zle -N zle-line-init
+"""
+
+
+def with_nmcli(folder):
+    """An environment in which NMCLI is found before others; its folder is made."""
+    program = pathlib.Path(folder) / "bin" / "nmcli"
+    program.parent.mkdir()
+    program.write_text(NMCLI, encoding="utf-8")
+    program.chmod(0o755)
+    return os.environ | {"PATH": f"{program.parent}:{os.environ['PATH']}"}
+
+
+def zsh_answers(lines):
+    """What zsh offers behind each line, and what the line is then; on a terminal, as it wants."""
+    with tempfile.TemporaryDirectory() as folder:
+        environment = with_nmcli(folder) | {"ZDOTDIR": folder, "COMPLETION": str(COMPLETION),
+                                            "TERM": "xterm"}
+        for name, text in ((".zshrc", ZSHRC), ("lines", "".join(line + "\n" for line in lines))):
+            (pathlib.Path(folder) / name).write_text(text, encoding="utf-8")
+        process, terminal = pty.fork()
+        if process == 0:
+            try:
+                os.execvpe("zsh", ["zsh", "-d", "-i"], environment)
+            finally:
+                os._exit(127)
+        try:
+            while os.read(terminal, 65536):
+                pass
+        except OSError:  # the other end is closed
+            pass
+        os.close(terminal)
+        os.waitpid(process, 0)
+        answers = (pathlib.Path(folder) / "answers").read_text(encoding="utf-8").split("\n")
+    return [(set(offered.split("|")) - {""}, line)
+            for offered, line in zip(answers[::2], answers[1::2])]
 
 
 class Item:
@@ -214,8 +291,49 @@ class Help(TestCase):
                              r"(?=^ +[\w |]+\)|^  esac)", text, re.MULTILINE | re.DOTALL)[1]
             if command == "set":
                 part = text.partition("_hoplanectl_set() {")[2].partition("\n}")[0]
-            told = set(re.findall(r"(--[a-z][\w-]*)\[", part))
+            told = set(re.findall(r"(--[a-z][\w-]*)=?\[", part))
             self.assertEqual(told, self.options(command), command)
+
+    def test_zsh_offers(self):
+        """At each position of a line what may stand there, and only options behind the last."""
+        tool.write("my device", {})
+        tool.write("failover", {})
+        number, state = {"1", "2"}, {"on", "off"}
+        names = {"Wired connection 1", "a:b"}
+        network = SHARED | self.options("set")
+        table = [("", set(self.commands)), ("--", SHARED | {"--version"}),
+                 ("--app ", {"my device", "failover"}), ("--app=", {"my device", "failover"}),
+                 ("show --app f", {"failover"}),
+                 ("set ", {"server", "network", "connection", "enabled"}),
+                 ("set server ", number), ("set server 1 ", set()),
+                 ("set server 1 192.0.2.1:9000 ", SHARED),
+                 ("set network ", number), ("set network 1 ", set()),
+                 ("set network --", network), ("set network 1 --", network),
+                 ("set --app x network 1 --", network),
+                 ("set network 1 --dhcp --", SHARED),
+                 ("set network 1 --address 10.0.0.2/24 --", network - {"--address", "--dhcp"}),
+                 ("set network 1 --dns=10.0.0.1 --", network - {"--dhcp"}),
+                 ("set server 1 --", SHARED),
+                 ("set enabled ", state), ("set enabled of", {"off"}), ("set enabled on ", set()),
+                 ("set connection ", names), ("set connection W", {"Wired connection 1"}),
+                 ("set connection x ", set()), ("--json --app x set enabled ", state),
+                 ("log /sandb", {"sandbox"}), ("import --from /sandb", {"sandbox"}),
+                 *((f"{command} --", SHARED | self.options(command)) for command in self.commands
+                   if command != "set")]
+        answers = zsh_answers(["hoplanectl " + words for words, _ in table])
+        self.assertEqual(len(answers), len(table))
+        for (words, expected), (offered, _) in zip(table, answers):
+            with self.subTest(line=words):
+                self.assertEqual(offered - {"-h", "-v"}, expected)
+
+    def test_zsh_completes(self):
+        """A name with blanks is taken over as the shell wants it."""
+        for words, expected in (("set connection W", r"set connection Wired\ connection\ 1 "),
+                                ('set connection "W', 'set connection "Wired connection 1" '),
+                                ("set enabled of", "set enabled off ")):
+            with self.subTest(line=words):
+                (_, line), = zsh_answers(["hoplanectl " + words])
+                self.assertEqual(line, "hoplanectl " + expected)
 
 
 class Statuses(TestCase):
