@@ -75,6 +75,24 @@ zle-line-init() {
 }
 zle -N zle-line-init
 """
+# The same of bash, which is told a line at a time, with Tab and Control-X A behind it.
+BASHRC = r"""
+PS1='<ready>'
+source $COMPLETION/hoplanectl.bash
+offer() {
+  _hoplanectl "$@"
+  local IFS='|'
+  offered="${COMPREPLY[*]}"
+}
+complete -F offer hoplanectl
+tell() {
+  printf '%s\n' "$offered" "$READLINE_LINE" >> $FOLDER/answers
+  READLINE_LINE='' READLINE_POINT=0 offered=''
+  printf '<%s>' told
+}
+bind 'set completion-query-items 0'
+bind -x '"\C-xa": tell'
+"""
 
 
 def with_nmcli(folder):
@@ -86,29 +104,65 @@ def with_nmcli(folder):
     return os.environ | {"PATH": f"{program.parent}:{os.environ['PATH']}"}
 
 
-def zsh_answers(lines):
-    """What zsh offers behind each line, and what the line is then; on a terminal, as it wants."""
-    with tempfile.TemporaryDirectory() as folder:
-        environment = with_nmcli(folder) | {"ZDOTDIR": folder, "COMPLETION": str(COMPLETION),
-                                            "TERM": "xterm"}
-        for name, text in ((".zshrc", ZSHRC), ("lines", "".join(line + "\n" for line in lines))):
-            (pathlib.Path(folder) / name).write_text(text, encoding="utf-8")
-        process, terminal = pty.fork()
-        if process == 0:
-            try:
-                os.execvpe("zsh", ["zsh", "-d", "-i"], environment)
-            finally:
-                os._exit(127)
+def start(words, environment):
+    """Starts a shell on a terminal, as it wants for completion; its number and the terminal."""
+    process, terminal = pty.fork()
+    if process == 0:
         try:
-            while os.read(terminal, 65536):
-                pass
-        except OSError:  # the other end is closed
-            pass
-        os.close(terminal)
-        os.waitpid(process, 0)
-        answers = (pathlib.Path(folder) / "answers").read_text(encoding="utf-8").split("\n")
+            os.execvpe(words[0], words, environment | {"TERM": "xterm"})
+        finally:
+            os._exit(127)
+    return process, terminal
+
+
+def read_until(terminal, mark):
+    """Reads until the mark comes, or the terminal's other end is closed."""
+    text = b""
+    try:
+        while mark not in text:
+            text += os.read(terminal, 65536)
+    except OSError:
+        pass
+
+
+def in_pairs(folder):
+    """What was offered for each line, and what the line is then."""
+    answers = (folder / "answers").read_text(encoding="utf-8").split("\n")
     return [(set(offered.split("|")) - {""}, line)
             for offered, line in zip(answers[::2], answers[1::2])]
+
+
+def zsh_answers(lines):
+    """What zsh offers behind each line, and what the line is then."""
+    with tempfile.TemporaryDirectory() as name:
+        folder = pathlib.Path(name)
+        (folder / ".zshrc").write_text(ZSHRC, encoding="utf-8")
+        (folder / "lines").write_text("".join(line + "\n" for line in lines), encoding="utf-8")
+        process, terminal = start(["zsh", "-d", "-i"], with_nmcli(folder) | {
+            "ZDOTDIR": name, "COMPLETION": str(COMPLETION)})
+        read_until(terminal, b"\0")
+        os.close(terminal)
+        os.waitpid(process, 0)
+        return in_pairs(folder)
+
+
+def bash_answers(lines):
+    """What bash offers behind each line, and what the line is then."""
+    with tempfile.TemporaryDirectory() as name:
+        folder = pathlib.Path(name)
+        (folder / "bashrc").write_text(BASHRC, encoding="utf-8")
+        process, terminal = start(["bash", "--rcfile", f"{name}/bashrc", "-i"],
+                                  with_nmcli(folder) | {"FOLDER": name,
+                                                        "COMPLETION": str(COMPLETION)})
+        read_until(terminal, b"<ready>")
+        for line in lines:
+            os.write(terminal, line.encode() + b"\t\x18a")
+            read_until(terminal, b"<told>")
+        os.write(terminal, b"exit\r")
+        read_until(terminal, b"\0")
+        os.close(terminal)
+        os.waitpid(process, 0)
+        return in_pairs(folder)
 
 
 class Item:
@@ -254,33 +308,59 @@ class Help(TestCase):
             told = options_in(self.page["COMMANDS", command])
             self.assertEqual(told - SHARED, self.options(command), command)
 
-    def test_bash_offers_every_option(self):
-        script = (f"source '{COMPLETION}/hoplanectl.bash'\n"
-                  "COMP_WORDS=(hoplanectl \"$@\"); COMP_CWORD=$#; _hoplanectl\n"
-                  "printf '%s\\n' \"${COMPREPLY[@]}\"")
+    def offered_by(self, answers, table):
+        """Each line of the table has the offers that it should have."""
+        self.assertEqual(len(answers), len(table))
+        for (words, expected), (offered, _) in zip(table, answers):
+            with self.subTest(line=words):
+                self.assertEqual(offered - {"-h", "-v"}, expected)
 
-        def offered(*words):
-            done = subprocess.run(["bash", "-c", script, "bash", *words], stdout=subprocess.PIPE,
-                                  stderr=subprocess.PIPE, encoding="utf-8", check=False)
-            self.assertEqual(done.stderr, "")
-            return set(done.stdout.split())
-
-        self.assertEqual(offered(""), set(self.commands))
-        self.assertEqual(offered("--"), SHARED | {"--version"})
-        self.assertEqual(offered("--app", "x", "s"), {"show", "set", "search"})
-        for command in self.commands:
-            words = ["network", "1"] if command == "set" else []
-            self.assertEqual(offered(command, *words, "--"), SHARED | self.options(command))
-        self.assertEqual(offered("set", ""), {"server", "network", "connection", "enabled"})
-        self.assertEqual(offered("set", "network", ""), {"1", "2"})
-        self.assertEqual(offered("set", "enabled", "o"), {"on", "off"})
-
-    def test_bash_offers_the_applications(self):
+    def test_bash_offers(self):
+        """At each position of a line what may stand there."""
         tool.write("my device", {})
-        script = (f"source '{COMPLETION}/hoplanectl.bash'\nCOMP_WORDS=(hoplanectl --app m)\n"
-                  "COMP_CWORD=2; _hoplanectl\nprintf '%s\\n' \"${COMPREPLY[@]}\"")
-        self.assertEqual(subprocess.check_output(["bash", "-c", script], text=True),
-                         "my\\ device\n")
+        tool.write("failover", {})
+        commands, applications = set(self.commands), {r"my\ device", "failover"}
+        names = {r"Wired\ connection\ 1", "a:b"}
+        network = SHARED | self.options("set")
+        static = network - {"--dhcp"}
+        table = [("", commands), ("--", SHARED | {"--version"}),
+                 ("--app ", applications), ("--app=", applications), ("--app=f", {"failover"}),
+                 ("--app=failover ", commands), ("--app x s", {"show", "set", "search"}),
+                 ("--app=failover set enabled ", {"on", "off"}), ("show --app f", {"failover"}),
+                 (r"--app my\ ", {r"my\ device"}), ("show --app=x --", SHARED | {"--raw"}),
+                 ("set ", {"server", "network", "connection", "enabled"}),
+                 ("set server ", {"1", "2"}), ("set server 1 ", set()),
+                 ("set network ", {"1", "2"}), ("set network 1 ", set()),
+                 ("set network 1 --address=10.0.0.2/24 ", set()),
+                 ("set network --", network), ("set network 1 --", network),
+                 ("set network 1 --dhcp --", SHARED),
+                 ("set network 1 --address 10.0.0.2/24 --", static),
+                 ("set network 1 --gateway=10.0.0.1 --", static),
+                 ("set network 1 --dns 10.0.0.1 --", static),
+                 ("set server 1 --", SHARED), ("set enabled of", {"off"}),
+                 ("set connection ", names), ("set connection W", {r"Wired\ connection\ 1"}),
+                 (r"set connection Wired\ c", {r"Wired\ connection\ 1"}),
+                 ('set connection "Wired c', {"Wired connection 1"}),
+                 ("set connection 'Wi", {"Wired connection 1"}), ("set connection x ", set()),
+                 *((f"{command} --", SHARED | self.options(command)) for command in self.commands
+                   if command != "set")]
+        self.offered_by(bash_answers(["hoplanectl " + words for words, _ in table]), table)
+
+    def test_bash_completes(self):
+        """Names with blanks and folders are taken over as the shell wants them."""
+        folder = tool.HOME / "a folder"
+        folder.mkdir(exist_ok=True)
+        (folder / "x y.log").touch()
+        table = [("set connection W", r"set connection Wired\ connection\ 1 "),
+                 ('set connection "Wi', 'set connection "Wired connection 1" '),
+                 ("set connection 'Wi", "set connection 'Wired connection 1' "),
+                 (f"log {tool.HOME}/a", rf"log {tool.HOME}/a\ folder/"),
+                 (f'import --from "{tool.HOME}/a', f'import --from "{tool.HOME}/a folder"/'),
+                 (f'log "{tool.HOME}/a folder"/', rf'log {tool.HOME}/a\ folder/x\ y.log '),
+                 (f"import --from={tool.HOME}/a", rf"import --from={tool.HOME}/a\ folder/")]
+        answers = bash_answers(["hoplanectl " + words for words, _ in table])
+        self.assertEqual([line for _, line in answers],
+                         ["hoplanectl " + expected for _, expected in table])
 
     def test_zsh_knows_every_option(self):
         text = (COMPLETION / "_hoplanectl").read_text(encoding="utf-8")
@@ -320,11 +400,7 @@ class Help(TestCase):
                  ("log /sandb", {"sandbox"}), ("import --from /sandb", {"sandbox"}),
                  *((f"{command} --", SHARED | self.options(command)) for command in self.commands
                    if command != "set")]
-        answers = zsh_answers(["hoplanectl " + words for words, _ in table])
-        self.assertEqual(len(answers), len(table))
-        for (words, expected), (offered, _) in zip(table, answers):
-            with self.subTest(line=words):
-                self.assertEqual(offered - {"-h", "-v"}, expected)
+        self.offered_by(zsh_answers(["hoplanectl " + words for words, _ in table]), table)
 
     def test_zsh_completes(self):
         """A name with blanks is taken over as the shell wants it."""

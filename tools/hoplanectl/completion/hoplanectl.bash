@@ -12,17 +12,26 @@ _hoplanectl_applications() {
   done
 }
 
-# The connections that NetworkManager knows, one a line.
+# The Ethernet connections that NetworkManager knows, one a line.
 _hoplanectl_connections() {
-  nmcli -g NAME connection show 2>/dev/null
+  nmcli -e no -g NAME,TYPE connection show 2>/dev/null | sed -n 's/:802-3-ethernet$//p'
 }
 
-# Offers the lines of standard input that begin with the word; they may contain blanks.
+# Offers the lines of standard input that begin with the word; they may contain blanks. Behind an
+# opened quote they need no other.
 _hoplanectl_offer_lines() {
-  local line
+  local line begin=${1//[\"\'\\]/} format=%q
+  [[ $1 == [\"\']* ]] && format=%s
   while IFS= read -r line; do
-    [[ $line == "$1"* ]] && COMPREPLY+=("$(printf '%q' "$line")")
+    # shellcheck disable=SC2059 # the format is one of the two above
+    [[ $line == "$begin"* ]] && COMPREPLY+=("$(printf "$format" "$line")")
   done
+}
+
+# Readline quotes the names of files itself.
+_hoplanectl_offer_files() {
+  compopt -o filenames
+  mapfile -t COMPREPLY < <(compgen -f -- "${1//[\"\'\\]/}")
 }
 
 _hoplanectl_offer() {
@@ -31,15 +40,20 @@ _hoplanectl_offer() {
   mapfile -t COMPREPLY < <(compgen -W "$*" -- "$word")
 }
 
+# Those of set network that go with the ones that are there already.
+_hoplanectl_network_options() {
+  case " ${COMP_WORDS[*]} " in
+    *' --dhcp '*) ;;
+    *' --address '* | *' --gateway '* | *' --dns '*) echo --address --gateway --dns ;;
+    *) echo --dhcp --address --gateway --dns ;;
+  esac
+}
+
 # The options of a command beside those that all have.
 _hoplanectl_options() {
   case $1 in
     show) echo --raw ;;
-    set)
-      case $2 in
-        network) echo --dhcp --address --gateway --dns ;;
-      esac
-      ;;
+    set) [ "$2" != network ] || _hoplanectl_network_options ;;
     import) echo --from --dry-run ;;
     check) echo --probe ;;
     probe) echo --attempts --interval ;;
@@ -56,7 +70,7 @@ _hoplanectl_arguments() {
     set/1/server | set/1/network) _hoplanectl_offer "$word" 1 2 ;;
     set/1/enabled) _hoplanectl_offer "$word" on off ;;
     set/1/connection) _hoplanectl_offer_lines "$word" < <(_hoplanectl_connections) ;;
-    log/0/*) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
+    log/0/*) _hoplanectl_offer_files "$word" ;;
   esac
 }
 
@@ -64,10 +78,17 @@ _hoplanectl() {
   local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   local command='' arguments=() index
   COMPREPLY=()
+  # "--app=x" is three words here.
+  if [ "$word" = = ]; then
+    word=''
+  elif [ "$previous" = = ]; then
+    previous=${COMP_WORDS[COMP_CWORD - 2]}
+  fi
   for ((index = 1; index < COMP_CWORD; ++index)); do
     case ${COMP_WORDS[index]} in
       --app | --address | --gateway | --dns | --from | --attempts | --interval | --timeout)
         ((++index))
+        [ "${COMP_WORDS[index]-}" != = ] || ((++index))
         ;;
       -*) ;;
       *)
@@ -82,7 +103,7 @@ _hoplanectl() {
 
   case $previous in
     --app) _hoplanectl_offer_lines "$word" < <(_hoplanectl_applications); return ;;
-    --from) mapfile -t COMPREPLY < <(compgen -f -- "$word"); return ;;
+    --from) _hoplanectl_offer_files "$word"; return ;;
     --address | --gateway | --dns | --attempts | --interval | --timeout) return ;;
   esac
   if [[ $word == -* ]]; then
