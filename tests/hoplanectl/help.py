@@ -687,6 +687,7 @@ class Objects(TestCase):
             [*log.LOAD, *3 * skips],
             ["[ loadConfig ] something new"],
             [*log.failing(1, 2), "[ tryConnectRemote ] local IP =  \"\"", log.reached(1)[1]]]
+        logs.append([f"2026-01-0{day}T08:00:00 {line}" for day, line in enumerate(log.TURN, 1)])
         lines = "".join(line + "\n" for lines in logs for line in [log.NEW, *lines])
         objects = self.objects(0, "log", stdin=lines)
         for path in sorted(log.GOLDEN.glob("*.log")):

@@ -693,11 +693,58 @@ class Times(TestCase):
         self.assertEqual(self.searches(lines)[0]["duration"], 5)
 
     def test_clock_set_back(self):
-        """The clock is set back by an hour during a search: no duration is told of that."""
+        """The clock is set back by an hour during a search: that is told, and no duration is."""
         lines = [f"Mar  3 10:00:00 h app[1]: {line}" for line in [*LOAD, *applying(1)]]
         lines += [f"Mar  3 09:00:05 h app[1]: {line}" for line in [*reached(1), FINISHED]]
         search = self.searches(lines)[0]
         self.assertEqual((search["outcome"], search["duration"]), ("reached", None))
+        self.assertEqual(search["text"], "reached 198.51.100.1:9000 through network 1, in pass 1; "
+                         "the clock was set back meanwhile")
+        self.assertIn(("clock", "the clock was set back here, from Mar  3 10:00:00 to Mar  3 "
+                       "09:00:05, or lines are missing"), self.told(lines))
+
+    def test_lines_out_of_order(self):
+        """Threads that write at the same time exchange two lines: the clock was not set."""
+        lines = [f"2026-01-01T08:00:{seconds} h app[1]: {line}" for seconds, line in zip(
+            ("10", "10", "10", "10", "11", "10", "11", "11", "12", "13"),
+            [*LOAD, *applying(1), *reached(1), FINISHED], strict=True)]
+        self.assertNotIn("clock", [step for step, _ in self.told(lines)])
+
+    def jumping(self, first, second):
+        """A search whose clock is at the first time before its attempts, at the second after."""
+        return [f"{time} h app[1]: {line}" for time, lines in (
+            (first, [*LOAD, *turn(1)]), (second, [*turn(2), TIME_OUT, FINISHED]))
+            for line in lines]
+
+    def test_clock_set_forward(self):
+        """The clock of a device that begins without the time is set during a search: that is told,
+        it is what ended the search, and no duration is told of it."""
+        for first, second in (("1970-01-01T00:00:20+0000", "2026-01-01T08:00:00+0000"),
+                              ("2026-01-01T08:00:00+0000", "2026-01-01T08:05:01+0000")):
+            with self.subTest(first=first):
+                objects = self.objects(self.jumping(first, second))
+                clock, = [thing for thing in objects if thing.get("step") == "clock"]
+                self.assertEqual(clock["text"], f"the clock was set forward here, from {first} to "
+                                 f"{second}, or lines are missing")
+                told = account(objects)
+                self.assertIn(("time-limit", "the time limit of 120 s is over, as the clock was set "
+                               "forward"), told)
+                search = objects[-2]
+                self.assertEqual((search["duration"], search["text"]), (
+                    None, "failed: no server reached in 1 pass; the clock was set forward "
+                    "meanwhile"))
+                self.assertEqual([thing["elapsed"] for thing in objects if "elapsed" in thing
+                                  and thing["elapsed"] > 200], [])
+                self.assertLess(max(search["durations"].values()), 200)
+
+    def test_clock_not_set(self):
+        """A long activation, and a search long after another, are no jumps of the clock."""
+        lines = self.jumping("2026-01-01T08:00:00+0000", "2026-01-01T08:05:00+0000")
+        late = [line.replace("08:05:00", "23:59:00").replace("08:00:00", "23:55:00")
+                for line in lines]
+        for told in (self.told([*lines, *late]), self.told([*lines[:-2], *late])):
+            self.assertNotIn("clock", [step for step, _ in told])
+        self.assertIn("after about 300 s", self.log(lines).out)
 
     def test_without_times(self):
         """Attempts are reckoned with half a second each; that is said once, and nothing else is

@@ -179,6 +179,12 @@ LogLine LogLine::parse(const QString &text)
     return { Foreign, QString(), { trimmed } };
 }
 
+bool LogLine::isOfSearch() const
+{
+    return kind >= AddressCompared && kind <= SearchFinished
+            && function != QLatin1String("slotTryRefreshNetwork");
+}
+
 bool LogLine::isLibraryFunction(const QString &function)
 {
     return table().contains(function);

@@ -61,6 +61,8 @@ struct LogLine
     // Of the library for certain, or as good as.
     bool isLibrarys() const { return kind >= LinkNotification; }
     bool isWorkers() const { return kind >= FileMissing; }
+    // Of what stands between the beginning and the end of a search.
+    bool isOfSearch() const;
     // Whether the lines that follow may still belong to this one, being printed by a command.
     bool mayGoOn() const;
 

@@ -18,7 +18,7 @@ const char *nameOf(Step::Kind kind)
         "started",       "import",         "online",
         "network",       "socket",         "switch-event",
         "link",          "address-change", "busy",
-        "ended",         "unknown",
+        "clock",         "ended",          "unknown",
     };
     return names[kind];
 }
@@ -55,6 +55,9 @@ Narrator::Narrator(OnStep onStep, OnEnd onEnd)
 void Narrator::feed(const LogEntry &entry, const LogLine &line)
 {
     m_now = entry;
+    if (m_now.when.seconds)
+        *m_now.when.seconds -= m_clockSet;
+    noteClock(line);
     const Handler handler = handlers.value(line.kind);
     if (handler)
         (this->*handler)(line);
@@ -62,7 +65,28 @@ void Narrator::feed(const LogEntry &entry, const LogLine &line)
     const bool isPart = line.kind == LogLine::LookupCommand || line.kind == LogLine::CannotStart
             || line.kind == LogLine::Oversized || line.kind == LogLine::LocalAddress;
     if (line.isWorkers() && !isPart)
-        m_last = entry.when;
+        m_last = m_now.when;
+}
+
+// The time goes on from there, as if nothing lay between.
+void Narrator::noteClock(const LogLine &line)
+{
+    // A search takes 120 s and what was begun before; threads exchange lines by far less.
+    constexpr double mostForward = 300;
+    constexpr double mostBack = 1;
+    const bool underWay = m_account && m_account->outcome == SearchAccount::Open;
+    if (!underWay || !line.isOfSearch() || !m_last.seconds || !m_now.when.seconds)
+        return;
+    const double seconds = *m_now.when.seconds - *m_last.seconds;
+    if (seconds <= mostForward && seconds >= -mostBack)
+        return;
+    m_clockSet += seconds;
+    m_now.when.seconds = m_last.seconds;
+    m_account->clockSet = seconds > 0 ? QStringLiteral("forward") : QStringLiteral("back");
+    tell(step(Step::Clock,
+              QStringLiteral("the clock was set %1 here, from %2 to %3, or lines are missing")
+                      .arg(m_account->clockSet, m_last.text, m_now.when.text),
+              Output::Warning));
 }
 
 void Narrator::finish(const QString &why, const std::optional<Moment> &when)

@@ -55,6 +55,7 @@ struct Step
         Link,
         AddressChange,
         Busy,
+        Clock,
         Ended,
         UnknownLine,
     };
@@ -158,6 +159,7 @@ private:
     void refresh(const LogLine &line);
 
     // What the worker is at.
+    void noteClock(const LogLine &line);
     void decide();
     void ignoreConfiguration();
     void rest(const QString &why);
@@ -199,6 +201,7 @@ private:
     std::optional<bool> m_enabled;
 
     LogEntry m_now; // the line that is looked at
+    double m_clockSet = 0; // seconds by which the clock was set so far
     Moment m_last; // of the worker's latest line
     std::optional<Moment> m_configured; // the configuration has been read, and not yet what for
     QString m_servers[2];

@@ -640,7 +640,10 @@ void Narrator::timeLimit(const LogLine &)
     endRepeatedSkips();
     m_account->outcome = SearchAccount::Failed;
     m_phase = Ending;
-    tell(step(Step::TimeLimit, QStringLiteral("the time limit of 120 s is over"), Output::Fault));
+    QString text = QStringLiteral("the time limit of 120 s is over");
+    if (m_account->clockSet == QLatin1String("forward"))
+        text += QStringLiteral(", as the clock was set forward");
+    tell(step(Step::TimeLimit, text, Output::Fault));
 }
 
 void Narrator::searchFinished(const LogLine &)

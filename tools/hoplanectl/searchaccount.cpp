@@ -92,7 +92,19 @@ int SearchAccount::attemptsOfTurn() const
     return partial ? 0 : few;
 }
 
+std::optional<double> SearchAccount::duration() const
+{
+    return clockSet.isEmpty() ? between(begin, end) : std::nullopt;
+}
+
 QString SearchAccount::text() const
+{
+    return clockSet.isEmpty()
+            ? ending()
+            : QStringLiteral("%1; the clock was set %2 meanwhile").arg(ending(), clockSet);
+}
+
+QString SearchAccount::ending() const
 {
     const std::optional<double> seconds = duration();
     const QString after = seconds

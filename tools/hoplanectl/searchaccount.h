@@ -58,6 +58,7 @@ struct SearchAccount
     Moment end;
     Outcome outcome = Open;
     QString why; // it is unfinished
+    QString clockSet; // "forward" or "back", if the clock was set meanwhile
     int network = 0; // 1 or 2, that reached its server
     QString server;
     NetworkAccount networks[2];
@@ -67,9 +68,13 @@ struct SearchAccount
 
     // Of how many attempts a turn is made; 0 if that is not known.
     int attemptsOfTurn() const;
-    std::optional<double> duration() const { return between(begin, end); }
+    // Nothing if the clock was set meanwhile.
+    std::optional<double> duration() const;
 
     QString text() const; // how it ended, in one line
     QStringList reasons() const; // a line a network: why its server was not reached
     QJsonObject object() const;
+
+private:
+    QString ending() const;
 };
