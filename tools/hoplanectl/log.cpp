@@ -221,13 +221,17 @@ void Account::tellSum()
 }
 
 // Line by line as they come, so that a pipe may be followed. Returns what went wrong, or nothing.
-QString readAll(FILE *input, LogReader *reader)
+QString readAll(FILE *input, LogReader *reader, QByteArray *first)
 {
     char *line = nullptr;
     size_t size = 0;
     ssize_t length = 0;
-    while ((length = getline(&line, &size, input)) >= 0)
-        reader->addLine(QByteArray(line, int(length)));
+    while (!reader->isReversed() && (length = getline(&line, &size, input)) >= 0) {
+        const QByteArray bytes(line, int(length));
+        if (first->isEmpty())
+            *first = bytes;
+        reader->addLine(bytes);
+    }
     QString error = ferror(input) ? Text::ofError(errno) : QString();
     free(line);
     return error;
@@ -255,12 +259,35 @@ int cannotRead(const QString &name, const QString &reason)
     return unreadable;
 }
 
+// What has to be done to a text that begins like this; nothing if it is as it should be.
+QString hint(const QByteArray &first)
+{
+    for (const QByteArray &compressed :
+         { QByteArrayLiteral("\x1f\x8b"), QByteArrayLiteral("\xfd\x37zXZ"),
+           QByteArrayLiteral("\x28\xb5\x2f\xfd") }) {
+        if (first.startsWith(compressed))
+            return QStringLiteral("; it is compressed; zcat, xzcat or zstdcat unpacks it");
+    }
+    if (first.startsWith("\xff\xfe") || first.startsWith("\xfe\xff"))
+        return QStringLiteral("; it is UTF-16; iconv -f UTF-16 -t UTF-8 turns it into UTF-8");
+    if (first.trimmed() == "{")
+        return QStringLiteral("; journalctl -o json gives an object a line");
+    return QString();
+}
+
 int explain(Output *out, FILE *input, const QString &name)
 {
     Account account(out);
     LogReader reader(
             [&account](const LogEntry &entry, const LogLine &line) { account.take(entry, line); });
-    const QString error = readAll(input, &reader);
+    QByteArray first;
+    const QString error = readAll(input, &reader, &first);
+    if (reader.isReversed()) {
+        Output::message(QStringLiteral("%1 has its newest lines first; journalctl without "
+                                       "--reverse shows them in order")
+                                .arg(name));
+        return unreadable;
+    }
     reader.finish();
     account.finish();
     if (!error.isEmpty())
@@ -268,7 +295,7 @@ int explain(Output *out, FILE *input, const QString &name)
     account.tellSum();
     if (account.understood() > 0)
         return ExitGood;
-    Output::message(QStringLiteral("%1 has no line of the library's log").arg(name));
+    Output::message(QStringLiteral("%1 has no line of the library's log%2").arg(name, hint(first)));
     return nothingUnderstood;
 }
 
@@ -279,7 +306,7 @@ const QString text = QStringLiteral(
         "  journalctl -u failover | hoplanectl log\n"
         "  journalctl -o json -b | hoplanectl log --json\n\n"
         "Exit status: 0 if something of the library was found, 1 if nothing was, 2 if\n"
-        "FILE cannot be read.");
+        "FILE cannot be read, or has its newest lines first.");
 
 } // namespace
 

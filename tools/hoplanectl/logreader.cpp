@@ -244,8 +244,18 @@ double LogReader::secondsOf(const QRegularExpressionMatch &match)
     return seconds + m_added;
 }
 
+void LogReader::noteOrder(const Moment &when)
+{
+    const Moment &before = m_latest.when;
+    if (!when.seconds || !before.seconds)
+        return;
+    m_back += *when.seconds < *before.seconds;
+    m_forward += *when.seconds > *before.seconds;
+}
+
 void LogReader::take(const Entry &entry)
 {
+    noteOrder(entry.when);
     m_latest = entry;
     const LogLine line = LogLine::parse(entry.text);
     const auto open = m_open.find(entry.process);

@@ -23,6 +23,9 @@ public:
     // There are no more.
     void finish();
 
+    // Whether the times go back from line to line, as journalctl --reverse shows them.
+    bool isReversed() const { return m_back >= leastBack && m_back > 2 * m_forward; }
+
 private:
     struct Entry : LogEntry
     {
@@ -36,12 +39,17 @@ private:
     Moment moment(const QRegularExpressionMatch &match);
     double secondsOf(const QRegularExpressionMatch &match);
     void take(const Entry &entry);
+    void noteOrder(const Moment &when);
     bool goesOn(const Entry &open, const Entry &entry, const LogLine &line) const;
     void close(const QString &process);
+
+    static constexpr int leastBack = 3;
 
     OnEntry m_onEntry;
     QHash<QString, Entry> m_open; // by process: what the next lines may belong to
     Entry m_latest;
+    int m_back = 0; // times that lie before the line before
+    int m_forward = 0;
     double m_latestSeconds = 0; // of a clock without a year, or without a day
     double m_added = 0; // the years or days that have passed meanwhile
 };
