@@ -548,6 +548,47 @@ class Searches(TestCase):
         self.assertEqual(steps[:5], ["begin", "lookup", "reactivate", "probe", "lookup"])
         self.assertIn(("probe", f"{SERVERS[1]}:{PORT} not reached in 14 attempts"), told)
 
+    def test_fragments(self):
+        """A few lines of a search, or of a re-opening: the sentences have no holes."""
+        lost = "the server not reached; the attempts are not in the log"
+        middle = ("begin", "the log begins in the middle of this")
+        over = ("time-limit", "the time limit of 120 s is over")
+        reason = "the server did not accept; the attempts are not in the log"
+        skips = [same(1)] + 2 * [f"[ {TRY[1]} ] it is the same net ip adddr  \"{DEVICE[1]}\""]
+        for lines, expected, reasons in (
+                ([TIME_OUT], [middle, over, ("search", "failed: no server reached")],
+                 [None, None]),
+                ([*failing(1, 1), TIME_OUT],
+                 [middle, ("attempt", f"attempt 1 at {SERVERS[1]}:{PORT} failed"),
+                  ("probe", f"{SERVERS[1]}:{PORT} not reached in 1 attempt"), over,
+                  ("search", "failed: no server reached")], None),
+                ([f"[ {APPLY[1]} ] run successful", TIME_OUT],
+                 [middle, ("addressing", "network 1: addressing applied"),
+                  ("probe", "network 1: " + lost), over, ("search", "failed: no server reached")],
+                 [reason, None]),
+                ([switch_event(0), f"[ {APPLY[1]} ] run successful", BUSY],
+                 [("switch-event", "the LAN switch reports state 0"),
+                  ("begin", "state 0 selects network 1, its server is (none)"),
+                  ("addressing", "network 1: addressing applied"), ("probe", "network 1: " + lost),
+                  ("reopening", "the server not reached; the application is told nothing of it"),
+                  ("busy", "nothing is done about it: the library counts as busy")],
+                 [reason, None]),
+                (skips[:2], [middle, ("skip", "network 1: skipped, the device has its address "
+                                      f"{DEVICE[1]} already"),
+                             ("skip", "skipped once more for the same reason"),
+                             ("search", "no outcome: the log ends here (network 2: looking up the "
+                              "connection)")], None),
+                (skips, [middle, ("skip", "network 1: skipped, the device has its address "
+                                  f"{DEVICE[1]} already"),
+                         ("skip", "skipped 2 more times for the same reason"),
+                         ("search", "no outcome: the log ends here (network 2: looking up the "
+                          "connection)")], None)):
+            with self.subTest(lines=lines):
+                self.assertEqual(self.told(lines), expected)
+                networks = self.searches(lines)[0]["networks"]
+                if reasons:
+                    self.assertEqual([network["reason"] for network in networks], reasons)
+
     def test_reopening_without_its_end(self):
         """The last attempts of a re-opening are not in the log, and a search follows."""
         outcomes = self.searches([switch_event(0), *LOAD, *applying(1), *failing(1, 4), *LOAD,

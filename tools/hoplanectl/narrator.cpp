@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "narrator.h"
 
+#include "text.h"
+
 #include <QJsonValue>
 
 namespace {
@@ -304,9 +306,10 @@ void Narrator::closeProbe()
     if (account && !allThere)
         account->attemptsMissing = true;
     const bool isKnown = m_turn.server.isEmpty() && account;
-    QString text = QStringLiteral("%1 not reached").arg(isKnown ? account->server : m_turn.server);
+    QString text = QStringLiteral("%1 not reached")
+                           .arg(orTheServer(isKnown ? account->server : m_turn.server));
     if (m_turn.attempts > 0)
-        text += QStringLiteral(" in %1 attempts").arg(m_turn.attempts);
+        text += QStringLiteral(" in ") + Text::counted(m_turn.attempts, QStringLiteral("attempt"));
     if (!allThere)
         text += m_turn.attempts > 0 ? QStringLiteral("; the others are not in the log")
                                     : QStringLiteral("; the attempts are not in the log");
@@ -329,9 +332,10 @@ void Narrator::endRepeatedSkips()
 {
     if (m_repeatedSkips == 0)
         return;
-    Step told =
-            step(Step::Skip,
-                 QStringLiteral("skipped %1 more times for the same reason").arg(m_repeatedSkips));
+    const QString often = m_repeatedSkips == 1
+            ? QStringLiteral("once more")
+            : QStringLiteral("%1 more times").arg(m_repeatedSkips);
+    Step told = step(Step::Skip, QStringLiteral("skipped %1 for the same reason").arg(often));
     told.fields[QStringLiteral("times")] = m_repeatedSkips;
     m_repeatedSkips = 0;
     tell(told);

@@ -50,6 +50,11 @@ QString spent(double seconds, bool whole)
     return inWords(seconds, whole);
 }
 
+QString orTheServer(const QString &server)
+{
+    return server.isEmpty() ? QStringLiteral("the server") : server;
+}
+
 QString NetworkAccount::reason() const
 {
     QStringList parts;
@@ -57,12 +62,13 @@ QString NetworkAccount::reason() const
         parts.append(QStringLiteral("\"%1\" is no port number").arg(unusablePort));
     else if (attempts > 0)
         parts.append(QStringLiteral("%1 did not accept in %2%3")
-                             .arg(server, Text::counted(attempts, QStringLiteral("attempt")),
+                             .arg(orTheServer(server),
+                                  Text::counted(attempts, QStringLiteral("attempt")),
                                   attemptsMissing ? QStringLiteral(" (more are not in the log)")
                                                   : QString()));
     else if (attemptsMissing)
-        parts.append(
-                QStringLiteral("%1 did not accept; the attempts are not in the log").arg(server));
+        parts.append(QStringLiteral("%1 did not accept; the attempts are not in the log")
+                             .arg(orTheServer(server)));
     if (skipped > 0)
         parts.append(QStringLiteral("skipped %1: %2")
                              .arg(Text::counted(skipped, QStringLiteral("time")), skipReason));
@@ -121,10 +127,12 @@ QString SearchAccount::ending() const
     case Failed:
         if (kind == Reopening)
             return QStringLiteral("%1 not reached%2; the application is told nothing of it")
-                    .arg(networks[state == 0 ? 0 : 1].server, after);
-        return QStringLiteral("failed%1: no server reached in %2")
-                .arg(after,
-                     Text::counted(passes, QStringLiteral("pass"), QStringLiteral("passes")));
+                    .arg(orTheServer(networks[state == 0 ? 0 : 1].server), after);
+        return QStringLiteral("failed%1: no server reached").arg(after)
+                + (partial ? QString()
+                           : QStringLiteral(" in ")
+                                   + Text::counted(passes, QStringLiteral("pass"),
+                                                   QStringLiteral("passes")));
     case Open:
     case Unfinished:
         break;

@@ -22,6 +22,9 @@ QString inWords(double seconds, bool whole);
 // The same, with "20 ms" where it is short.
 QString spent(double seconds, bool whole);
 
+// A server in a sentence, also where the log does not tell which one it is.
+QString orTheServer(const QString &server);
+
 // What became of one network in a search.
 struct NetworkAccount
 {
