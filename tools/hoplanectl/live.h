@@ -14,8 +14,6 @@
 #include <functional>
 #include <mutex>
 
-class QSocketNotifier;
-
 // Reads along with the library where it works in this process: its log, what it prints, and what
 // its commands say on standard error. One a process.
 class Live

@@ -33,7 +33,6 @@ private:
         Form form = Bare;
     };
 
-    Entry takeApart(const QString &line);
     bool takeObject(const QByteArray &line, Entry *entry) const;
     bool takePrefix(const QString &line, Entry *entry);
     Moment moment(const QRegularExpressionMatch &match);

@@ -83,7 +83,6 @@ public:
 
     Narrator(OnStep onStep, OnEnd onEnd);
 
-    void feed(const LogEntry &entry) { feed(entry, LogLine::parse(entry.text)); }
     void feed(const LogEntry &entry, const LogLine &line);
     // There is nothing more to come after the last line, or after `when`; `why` of a search that
     // has not ended.
