@@ -513,6 +513,15 @@ class Searches(TestCase):
         self.assertEqual(search["outcome"], "unfinished")
         self.assertEqual(search["text"], "no outcome: the application was started anew")
 
+    def test_message_before_a_new_start(self):
+        """What a command said before the application was started anew belongs to no later one."""
+        without = "[ setLocalIpAuto ] get uuid is empty,d->strConnectionName=  \"lan\""
+        lines = [*LOAD, *LOOKUP, "Error: not authorised", NEW, *LOAD, *NOT_FOUND, without,
+                 f"[ {APPLY[1]} ] run failed", *failing(1, 10), TIME_OUT, FINISHED]
+        self.assertEqual(self.searches(lines)[1]["networks"][0]["reason"],
+                         f"{SERVERS[1]}:{PORT} did not accept in 10 attempts; its addressing "
+                         "failed in 1 turn, at last: no connection \"lan\" is found")
+
     def test_log_that_ends(self):
         """The log ends in the middle of a search: it is told where."""
         search = self.outcome([*LOAD, *applying(1), *failing(1, 4)])
@@ -873,7 +882,9 @@ class Times(TestCase):
         null = '{"MESSAGE": null, "_PID": "7", "SYSLOG_IDENTIFIER": "failover"}'
         new = json.dumps({"MESSAGE": NEW, "_PID": "7", "SYSLOG_IDENTIFIER": "failover"})
         for lines in ([short + NEW, short + "[5.0K blob data]"],
-                      [short + NEW, short + "[14B blob data]"], [new, null]):
+                      [short + NEW, short + "[14B blob data]"],
+                      [short + NEW, short + "[1.2M blob data]"],
+                      [short + NEW, short + "[2G blob data]"], [new, null]):
             with self.subTest(lines=lines):
                 result = self.log(lines)
                 self.assertIn("a line that the journal does not show", result.out)
