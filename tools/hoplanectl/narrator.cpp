@@ -70,7 +70,7 @@ void Narrator::feed(const LogEntry &entry, const LogLine &line)
         m_last = m_now.when;
 }
 
-// The time goes on from there, as if nothing lay between.
+// Up to the search's end the time goes on from there, as if nothing lay between.
 void Narrator::noteClock(const LogLine &line)
 {
     // A search takes 120 s and what was begun before; threads exchange lines by far less.
@@ -350,6 +350,7 @@ void Narrator::end(const Moment &when)
     m_account.reset();
     m_turn = Turn();
     m_phase = Resting;
+    m_clockSet = 0;
     m_onEnd(account);
     tellWaiting();
 }

@@ -200,7 +200,7 @@ private:
     std::optional<bool> m_enabled;
 
     LogEntry m_now; // the line that is looked at
-    double m_clockSet = 0; // seconds by which the clock was set so far
+    double m_clockSet = 0; // seconds by which the clock was set in this search
     Moment m_last; // of the worker's latest line
     std::optional<Moment> m_configured; // the configuration has been read, and not yet what for
     QString m_servers[2];
