@@ -772,7 +772,7 @@ class Times(TestCase):
         """The clock of a device that begins without the time is set during a search: that is told,
         it is what ended the search, and no duration is told of it."""
         for first, second in (("1970-01-01T00:00:20+0000", "2026-01-01T08:00:00+0000"),
-                              ("2026-01-01T08:00:00+0000", "2026-01-01T08:05:01+0000")):
+                              ("2026-01-01T08:00:00+0000", "2026-01-01T08:02:01+0000")):
             with self.subTest(first=first):
                 objects = self.objects(self.jumping(first, second))
                 clock, = [thing for thing in objects if thing.get("step") == "clock"]
@@ -790,12 +790,12 @@ class Times(TestCase):
 
     def test_clock_not_set(self):
         """A long activation, and a search long after another, are no jumps of the clock."""
-        lines = self.jumping("2026-01-01T08:00:00+0000", "2026-01-01T08:05:00+0000")
-        late = [line.replace("08:05:00", "23:59:00").replace("08:00:00", "23:55:00")
+        lines = self.jumping("2026-01-01T08:00:00+0000", "2026-01-01T08:02:00+0000")
+        late = [line.replace("08:02:00", "23:59:00").replace("08:00:00", "23:57:00")
                 for line in lines]
         for told in (self.told([*lines, *late]), self.told([*lines[:-2], *late])):
             self.assertNotIn("clock", [step for step, _ in told])
-        self.assertIn("after about 300 s", self.log(lines).out)
+        self.assertIn("after about 120 s", self.log(lines).out)
 
     def test_without_times(self):
         """Attempts are reckoned with half a second each; that is said once, and nothing else is

@@ -73,8 +73,9 @@ void Narrator::feed(const LogEntry &entry, const LogLine &line)
 // Up to the search's end the time goes on from there, as if nothing lay between.
 void Narrator::noteClock(const LogLine &line)
 {
-    // A search takes 120 s and what was begun before; threads exchange lines by far less.
-    constexpr double mostForward = 300;
+    // nmcli gives up an activation after 90 s, and nothing else takes long; threads exchange lines
+    // that are written at the same time.
+    constexpr double mostForward = 120;
     constexpr double mostBack = 1;
     const bool underWay = m_account && m_account->outcome == SearchAccount::Open;
     if (!underWay || !line.isOfSearch() || !m_last.seconds || !m_now.when.seconds)
