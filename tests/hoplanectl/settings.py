@@ -3,6 +3,8 @@
 
 import os
 import pathlib
+import re
+import resource
 import subprocess
 import threading
 
@@ -227,9 +229,9 @@ class Set(tool.TestCase):
 
     def test_permissions_stay(self):
         path = write("device", COMPLETE)
-        for mode in (0o600, 0o640, 0o644):
+        for number, mode in enumerate((0o600, 0o640, 0o644, 0o660, 0o664, 0o666)):
             path.chmod(mode)
-            self.expect(0, "set", "enabled", "off" if mode != 0o640 else "on")
+            self.expect(0, "set", "enabled", "on" if number % 2 else "off")
             self.assertEqual(path.stat().st_mode & 0o7777, mode)
 
     def test_link_stays(self):
@@ -241,6 +243,47 @@ class Set(tool.TestCase):
         self.assertTrue(path.is_symlink())
         self.assertIn("SwitchEnable=false", target.read_text(encoding="utf-8"))
         target.unlink()
+
+    def test_chain_of_links_stays(self):
+        path = write("device", COMPLETE)
+        middle, target = tool.HOME / "middle.ini", tool.HOME / "elsewhere.ini"
+        for link in (middle, target):
+            self.addCleanup(link.unlink, missing_ok=True)
+        path.rename(target)
+        middle.symlink_to("elsewhere.ini")
+        path.symlink_to(middle)
+        self.expect(0, "set", "enabled", "off")
+        self.assertTrue(path.is_symlink() and middle.is_symlink())
+        self.assertIn("SwitchEnable=false", target.read_text(encoding="utf-8"))
+        target.unlink()
+        self.expect(0, "--app", "device", "set", "enabled", "on")
+        self.assertTrue(path.is_symlink() and middle.is_symlink())
+        self.assertIn("SwitchEnable=true", target.read_text(encoding="utf-8"))
+
+    def test_files_of_similar_names_stay(self):
+        path = write("device", COMPLETE)
+        names = ["switch.ini", "switch.ini.newest-backup", "switch.ini.new.2", "switch.ini.new-1",
+                 "switch.ini.new.AbCdEfG", "switch.ini.AbCdEf", "switch.ini.news"]
+        for name in names[1:]:
+            (path.parent / name).write_text("the user's", encoding="utf-8")
+        self.expect(0, "set", "enabled", "off")
+        self.assertEqual(sorted(os.listdir(path.parent)), sorted(names))
+
+    def test_was_is_what_has_been_replaced(self):
+        """Another program writes after the tool has looked at the file, before it has the lock."""
+        path = write("device", COMPLETE)
+        lock = path.parent / "switch.ini.lock"
+        # To open it, as whoever waits for a lock does, waits for this test.
+        os.mkfifo(lock)
+        with subprocess.Popen([*tool.COMMAND, "set", "connection", "new"], stdout=subprocess.PIPE,
+                              encoding="utf-8") as process:
+            with lock.open("wb"):
+                write("device", COMPLETE | {"connectionName": "meanwhile",
+                                            "FirstServerPort": "1"})
+                lock.unlink()
+            out = process.communicate(timeout=60)[0]
+        self.assertEqual(out, f"connection: new\n  was meanwhile\n{path} is written\n")
+        self.assertEqual(stored(), COMPLETE | {"connectionName": "new", "FirstServerPort": "1"})
 
     def test_nothing_is_left_behind(self):
         path = write("device", COMPLETE)
@@ -299,6 +342,70 @@ class Failures(tool.TestCase):
         (path.parent / "filler").unlink()
         self.expect(0, "set", "connection", "n" * 1024)
 
+    def test_copy_that_is_cut_off(self):
+        """The copy would be too large, what is read of its beginning is not."""
+        path = write("device", COMPLETE)
+        with path.open("a", encoding="utf-8") as file:
+            file.write("; a remark\n" * 1000 + "[Group]\nKey=1\n")
+        before = path.read_bytes()
+        done = subprocess.run(
+            [*tool.COMMAND, "set", "enabled", "off"], stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE, encoding="utf-8", check=False,
+            # Python ignores the signal that would end the tool; so does the tool then.
+            restore_signals=False,
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (4096, 4096)))
+        self.assertEqual(done.returncode, 1)
+        self.stays(tool.Result(done), str(path))
+        self.assertEqual(path.read_bytes(), before)
+
+    def test_bytes_that_are_no_text(self):
+        path = write("device", COMPLETE)
+        path.write_bytes(path.read_bytes() + b"note=caf\xe9\n")
+        before = path.read_bytes()
+        self.stays(self.expect(1, "set", "enabled", "off"),
+                   "it would not keep the bytes of note that are no UTF-8")
+        self.assertEqual(path.read_bytes(), before)
+
+    def test_bytes_that_are_no_text_where_they_are_replaced(self):
+        path = write("device", COMPLETE)
+        path.write_bytes(path.read_bytes().replace(b"=lan", b"=caf\xe9")
+                         + "; \xe9\nOwn=\ufffd\n".encode("latin-1", "replace"))
+        self.expect(0, "set", "connection", "lan")
+        self.assertEqual(stored()["connectionName"], "lan")
+
+    def test_links_in_circles(self):
+        path = path_of("device")
+        path.parent.mkdir(parents=True)
+        path.symlink_to("other.ini")
+        (path.parent / "other.ini").symlink_to("switch.ini")
+        self.stays(self.expect(1, "--app", "device", "set", "enabled", "on"),
+                   "is a link that leads to itself")
+
+    def test_injected_errors(self):
+        """The system refuses a step."""
+        path = write("device", COMPLETE)
+        before = path.read_bytes()
+        for call, error, number, reason in (("fsync", "EIO", 1, "Input/output error"),
+                                            ("fchmod", "EPERM", 1, "Operation not permitted"),
+                                            # The first one is Qt's, which writes the copy anew.
+                                            ("rename", "EACCES", 2, "Permission denied")):
+            with self.subTest(call=call):
+                done = traced(["-e", f"trace={call}", "-e",
+                               f"inject={call}:error={error}:when={number}"], "enabled", "off")
+                self.stays(tool.Result(done), reason)
+                self.assertEqual(path.read_bytes(), before)
+                self.assertEqual(os.listdir(path.parent), ["switch.ini"])
+
+    def test_folder_that_cannot_be_synchronised(self):
+        """The file is replaced already."""
+        path = write("device", COMPLETE)
+        done = traced(["-e", "trace=fsync", "-e", "inject=fsync:error=EIO:when=2"], "enabled",
+                      "off")
+        self.assertEqual(done.returncode, 0)
+        self.assertIn(f"{path} is written, but a power cut may still undo that: {path.parent}: "
+                      "Input/output error", done.stderr)
+        self.assertEqual(stored()["SwitchEnable"], "false")
+
     def test_not_an_ini_file(self):
         path = write("device", COMPLETE)
         path.write_bytes(b"[General\nSwitchEnable=true\n")
@@ -327,6 +434,25 @@ class Failures(tool.TestCase):
             done.set()
             renewer.join()
         lock.unlink()
+
+
+def traced(options, *arguments):
+    """Runs `set` below strace."""
+    return subprocess.run(["strace", "-f", "-qq", *options, *tool.COMMAND, "set", *arguments],
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8",
+                          check=False)
+
+
+def synchronisations():
+    """What `set enabled off` hands to fsync, in order, "rename" where the file is replaced."""
+    done = traced(["-y", "-e", "trace=fsync,fdatasync,rename,renameat,renameat2"], "enabled", "off")
+    steps = []
+    for line in done.stderr.splitlines():
+        if match := re.search(r"sync\(\d+<(.*)>\)", line):
+            steps.append(match[1])
+        elif re.search(r'rename.*"\S+/switch\.ini"', line):
+            steps.append("rename")
+    return steps
 
 
 def power_cuts(arguments, *calls):
@@ -367,6 +493,11 @@ class PowerCut(tool.TestCase):
             write("device", COMPLETE)
         self.assertGreater(seen["old"], 5)
         self.assertGreater(seen["new"], 5)
+
+    def test_order(self):
+        """The copy is on the disk before it replaces the file, and the new name afterwards."""
+        path = write("device", COMPLETE)
+        self.assertEqual(synchronisations()[-3:], [f"{path}.new", "rename", str(path.parent)])
 
     def test_afterwards(self):
         for _ in power_cuts(["set", "server", "2", "203.0.113.7:1"], "rename", "fsync", "write"):

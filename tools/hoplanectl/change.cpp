@@ -45,18 +45,18 @@ void tell(Output *out, const Settings &before, const Settings &after, bool dryRu
 int makeChanges(Output *out, const Changes &changes, bool dryRun)
 {
     const QString path = Configuration::path();
-    const Settings before = Settings::read(path);
-    Settings after = before;
-    changes.applyTo(&after);
+    Settings before = Settings::read(path);
     // A key that is missing is written too, though it may mean the same.
     const bool different = !Configuration::differences(path, changes).isEmpty();
     if (different && !dryRun) {
-        const QString error = Configuration::save(path, changes);
+        const QString error = Configuration::save(path, changes, &before);
         if (!error.isEmpty()) {
             Output::message(QStringLiteral("nothing is changed: %1").arg(error));
             return ExitFailed;
         }
     }
+    Settings after = before;
+    changes.applyTo(&after);
     tell(out, before, after, dryRun);
     if (!different)
         out->line(QStringLiteral("nothing to change: %1 has these values already").arg(path));

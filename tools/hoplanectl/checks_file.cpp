@@ -5,10 +5,10 @@
 
 #include "../../worker/switchsettings_p.h"
 #include "devicesettings.h"
+#include "text.h"
 
 #include <QDir>
 #include <QFileInfo>
-#include <QTextCodec>
 
 #include <grp.h>
 #include <pwd.h>
@@ -65,13 +65,6 @@ QString badPlace(const QByteArray &bytes)
             return QStringLiteral("line %1 is none of an INI file").arg(index + 1);
     }
     return QStringLiteral("it is no INI file throughout");
-}
-
-bool isUtf8(const QByteArray &bytes)
-{
-    QTextCodec::ConverterState state;
-    QTextCodec::codecForName("UTF-8")->toUnicode(bytes.constData(), bytes.size(), &state);
-    return state.invalidChars == 0 && state.remainingChars == 0;
 }
 
 // The command that writes the key.
@@ -271,7 +264,7 @@ Findings Check::file(Situation &situation)
                                        .arg(situation.path)));
     situation.readable = true;
     situation.settings = Settings::read(situation.path);
-    if (!isUtf8(bytes))
+    if (!Text::isUtf8(bytes))
         found.append(Finding::warning(
                 QStringLiteral("%1 has bytes that are no UTF-8, which the library replaces")
                         .arg(situation.path),

@@ -10,8 +10,10 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QLockFile>
+#include <QRegularExpression>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -37,24 +39,68 @@ QString systemError(const QString &what)
     return QStringLiteral("%1: %2").arg(what, Text::ofError(errno));
 }
 
-// What has been written survives a power cut from here on.
-bool synchronise(const QString &path, int flags)
+// Gives the file behind the descriptor to the owner, unless it is his already.
+bool give(int fd, const struct stat &owner)
 {
-    const int fd = open(QFile::encodeName(path).constData(), flags | O_CLOEXEC);
-    if (fd < 0)
+    struct stat state = {};
+    if (fstat(fd, &state) != 0)
         return false;
-    const bool done = fsync(fd) == 0;
-    close(fd);
-    return done;
+    if (state.st_uid == owner.st_uid && state.st_gid == owner.st_gid)
+        return true;
+    return fchown(fd, owner.st_uid, owner.st_gid) == 0;
+}
+
+// What is at the path goes to the owner of the file that it replaces, and survives a power cut from
+// here on. What is new goes to the folder's owner if root has made it: the application may be
+// another user's. Returns what went wrong, or nothing.
+QString settle(const QString &path, const QString &replaced)
+{
+    const int fd = open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    struct stat owner = {};
+    const bool exists = stat(QFile::encodeName(replaced).constData(), &owner) == 0;
+    const QByteArray folder = QFile::encodeName(QFileInfo(replaced).path());
+    QString error;
+    if (fd < 0 || (!exists && stat(folder.constData(), &owner) != 0))
+        error = systemError(path);
+    else if ((exists || geteuid() == 0) && !give(fd, owner))
+        error = systemError(QStringLiteral("its owner cannot be kept"));
+    else if (fsync(fd) != 0)
+        error = systemError(path);
+    if (fd >= 0)
+        close(fd);
+    return error;
+}
+
+// Makes the folder, and those above it that are missing; root's go to the owner of the one above.
+bool makeFolder(const QString &path)
+{
+    if (QFileInfo(path).isDir())
+        return true;
+    const QString above = QFileInfo(path).path();
+    if (!makeFolder(above) || !QDir().mkdir(path))
+        return false;
+    struct stat owner = {};
+    if (geteuid() != 0
+        || (stat(QFile::encodeName(above).constData(), &owner) == 0
+            && lchown(QFile::encodeName(path).constData(), owner.st_uid, owner.st_gid) == 0))
+        return true;
+    QDir().rmdir(path);
+    return false;
 }
 
 // What a run that was killed has left beside the file.
 void removeLeftovers(const QString &copy)
 {
+    QFile::remove(copy);
+    QFile::remove(copy + QStringLiteral(".lock"));
+    // That of QSettings has six letters behind its name.
+    static const QRegularExpression letters(QStringLiteral("^\\.[A-Za-z]{6}$"));
     QDir folder = QFileInfo(copy).dir();
-    const QString pattern = QFileInfo(copy).fileName() + QLatin1Char('*');
-    for (const QString &name : folder.entryList({ pattern }, QDir::Files | QDir::Hidden))
-        folder.remove(name);
+    const QString start = QFileInfo(copy).fileName();
+    for (const QString &name : folder.entryList(QDir::Files | QDir::Hidden)) {
+        if (name.startsWith(start) && letters.match(name.mid(start.size())).hasMatch())
+            folder.remove(name);
+    }
 }
 
 // Makes the copy, of nothing if there is no file yet. Returns what went wrong, or nothing.
@@ -67,16 +113,19 @@ QString copyTo(const QString &copyPath, const QString &path)
     QFile copy(copyPath);
     if (!copy.open(QIODevice::WriteOnly))
         return copy.errorString();
+    if (exists && !copy.setPermissions(original.permissions()))
+        return copy.errorString();
     const QByteArray bytes = exists ? original.readAll() : QByteArray();
     if (copy.write(bytes) != bytes.size() || !copy.flush())
         return copy.errorString();
-    if (exists)
-        copy.setPermissions(original.permissions());
     return QString();
 }
 
 QString applyTo(const QString &path, const Changes &changes)
 {
+    QFile raw(path);
+    const bool isUtf8 = raw.open(QIODevice::ReadOnly) && Text::isUtf8(raw.readAll());
+    raw.close();
     IniFile file(path);
     if (file.status() != QSettings::NoError)
         return QStringLiteral("it cannot be read as an INI file");
@@ -84,8 +133,12 @@ QString applyTo(const QString &path, const Changes &changes)
         file.setValue(change.key, change.value);
     // All values are written anew, those of other keys too.
     for (const QString &key : file.allKeys()) {
-        if (!Values::isKept(file.value(key).toStringList().join(QString())))
+        const QString value = file.value(key).toStringList().join(QString());
+        if (!Values::isKept(value))
             return QStringLiteral("it would not keep a character of %1, such as an emoji")
+                    .arg(Text::visible(key));
+        if (!isUtf8 && value.contains(QChar::ReplacementCharacter))
+            return QStringLiteral("it would not keep the bytes of %1 that are no UTF-8")
                     .arg(Text::visible(key));
     }
     file.sync();
@@ -101,16 +154,38 @@ QString replace(const QString &path, const Changes &changes)
     QString error = copyTo(copy, path);
     if (error.isEmpty())
         error = applyTo(copy, changes);
-    if (error.isEmpty() && !synchronise(copy, O_RDONLY))
-        error = systemError(copy);
+    if (error.isEmpty())
+        error = settle(copy, path);
     if (error.isEmpty()
         && std::rename(QFile::encodeName(copy).constData(), QFile::encodeName(path).constData()))
         error = systemError(path);
-    if (!error.isEmpty()) {
+    if (!error.isEmpty())
         removeLeftovers(copy);
-        return error;
+    return error;
+}
+
+// So that the new name survives a power cut. The file is replaced already.
+void synchroniseFolder(const QString &path)
+{
+    const QString folder = QFileInfo(path).path();
+    const int fd = open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 || fsync(fd) != 0)
+        Output::message(QStringLiteral("%1 is written, but a power cut may still undo that: %2")
+                                .arg(path, systemError(folder)));
+    if (fd >= 0)
+        close(fd);
+}
+
+// What the link leads to at last, also if nothing is there yet; empty if it goes round in circles.
+QString behindLinks(QString path)
+{
+    constexpr int mostLinks = 40; // as the kernel
+    for (int count = 0; count <= mostLinks; ++count) {
+        const QFileInfo info(path);
+        if (!info.isSymLink())
+            return path;
+        path = info.symLinkTarget();
     }
-    synchronise(QFileInfo(path).path(), O_RDONLY | O_DIRECTORY);
     return QString();
 }
 
@@ -245,6 +320,33 @@ bool choose(const QString &name, bool mayBeNew)
     return false;
 }
 
+QString unreadable(const QString &path)
+{
+    const QFileInfo info(path);
+    if (!info.exists())
+        return info.isSymLink() ? QStringLiteral("%1 is a link that leads nowhere").arg(path)
+                                : QStringLiteral("there is no %1").arg(path);
+    if (!info.isFile())
+        return QStringLiteral("%1 is no regular file").arg(path);
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QStringLiteral("%1 cannot be read: %2").arg(path, file.errorString());
+    return QString();
+}
+
+QString notIni(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return unreadable(path);
+    // By another name: who reads a file that was read before is told of no error.
+    const IniFile ini(QStringLiteral("/proc/self/fd/%1").arg(file.handle()));
+    (void)ini.allKeys();
+    return ini.status() == QSettings::NoError
+            ? QString()
+            : QStringLiteral("%1 is no INI file throughout").arg(path);
+}
+
 QVector<RawValue> rawValues(const QString &path)
 {
     const IniFile file(path);
@@ -274,13 +376,14 @@ QVector<Difference> differences(const QString &path, const Changes &changes)
     return found;
 }
 
-QString save(const QString &path, const Changes &changes)
+QString save(const QString &path, const Changes &changes, Settings *before)
 {
     // A link stays, and what it leads to is replaced.
-    const QFileInfo link(path);
-    const QString target = link.isSymLink() ? link.symLinkTarget() : path;
+    const QString target = behindLinks(path);
+    if (target.isEmpty())
+        return QStringLiteral("%1 is a link that leads to itself").arg(path);
     const QString targetFolder = QFileInfo(target).path();
-    if (!QDir().mkpath(targetFolder))
+    if (!makeFolder(targetFolder))
         return QStringLiteral("the folder %1 cannot be made").arg(targetFolder);
     // The lock that the library's own writers take.
     QLockFile lock(target + QStringLiteral(".lock"));
@@ -293,8 +396,12 @@ QString save(const QString &path, const Changes &changes)
                 ? QStringLiteral("another program is writing %1").arg(target)
                 : QStringLiteral("no file can be made in %1").arg(targetFolder);
     }
+    *before = Settings::read(path);
     const QString error = replace(target, changes);
-    return error.isEmpty() ? QString() : QStringLiteral("%1: %2").arg(target, error);
+    if (!error.isEmpty())
+        return QStringLiteral("%1: %2").arg(target, error);
+    synchroniseFolder(target);
+    return QString();
 }
 
 QString rawText(const QVariant &value)

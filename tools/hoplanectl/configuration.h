@@ -75,6 +75,14 @@ bool choose(const QString &name, bool mayBeNew);
 // Of the chosen application.
 QString path();
 
+// Why nothing of the file can be read; nothing if it can. The library takes all of it as false or
+// empty then.
+QString unreadable(const QString &path);
+
+// Why not all of a file that can be read can be taken apart; nothing if it can. The library takes
+// what it has understood until then.
+QString notIni(const QString &path);
+
 // All eighteen keys in the file's order, with what the file has.
 QVector<RawValue> rawValues(const QString &path);
 
@@ -88,8 +96,8 @@ struct Difference
 QVector<Difference> differences(const QString &path, const Changes &changes);
 
 // Replaces the file by one with the changes, whole or not at all; makes it if there is none. The
-// other keys keep their values. Returns what went wrong, or nothing.
-QString save(const QString &path, const Changes &changes);
+// other keys keep their values. `before`: what was replaced. Returns what went wrong, or nothing.
+QString save(const QString &path, const Changes &changes, Settings *before);
 
 // "true" or "false" for a flag, the text otherwise.
 QString rawText(const QVariant &value);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "text.h"
 
+#include <QTextCodec>
 #include <QVector>
 
 #include <cstring>
@@ -13,6 +14,13 @@ QString Text::visible(const QString &text)
                 ? QString::fromUcs4(&character, 1)
                 : QStringLiteral("\\u%1").arg(character, 4, 16, QLatin1Char('0'));
     return shown;
+}
+
+bool Text::isUtf8(const QByteArray &bytes)
+{
+    QTextCodec::ConverterState state;
+    QTextCodec::codecForName("UTF-8")->toUnicode(bytes.constData(), bytes.size(), &state);
+    return state.invalidChars == 0 && state.remainingChars == 0;
 }
 
 QString Text::counted(int count, const QString &one, const QString &many)
