@@ -290,6 +290,10 @@ class Help(TestCase):
                     self.assertLessEqual(len(line), 100, line)
         self.assertEqual(self.expect(0, "-h").out, self.expect(0, "--help").out)
 
+    def test_help_and_version_are_text_with_json_too(self):
+        for option in ("--help", "--version"):
+            self.assertEqual(self.expect(0, "--json", option).out, self.expect(0, option).out)
+
     def test_version(self):
         version = re.search(r"project\(Hoplane VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text(
             encoding="utf-8"))[1]

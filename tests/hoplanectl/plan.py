@@ -656,6 +656,18 @@ class Idle(PlanCase):
         result = self.expect(IDLE, "plan")
         self.assertIn("no application has a configuration", result.err)
 
+    def test_a_folder_in_place_of_the_file(self):
+        path = tool.path_of(APPLICATION)
+        path.mkdir(parents=True)
+        result = self.expect(IDLE, "--app", APPLICATION, "plan")
+        self.assertIn(f"A search would do nothing: {path} is no regular file. ", result.out)
+
+    def test_a_file_of_something_else(self):
+        path = tool.write(APPLICATION, {})
+        path.write_bytes(b"\x7fELF\n")
+        result = self.expect(IDLE, "plan")
+        self.assertIn(f"A search would do nothing: {path} is no INI file throughout. ", result.out)
+
     def test_a_file_that_cannot_be_read(self):
         path = tool.write(APPLICATION, BOTH_AUTOMATIC)
         path.chmod(0)
@@ -663,7 +675,8 @@ class Idle(PlanCase):
                                *tool.COMMAND, "plan"], stdout=subprocess.PIPE, encoding="utf-8",
                               check=False)
         self.assertEqual(IDLE, done.returncode)
-        self.assertIn(f"A search would do nothing: {path} cannot be read. ", done.stdout)
+        self.assertIn(f"A search would do nothing: {path} cannot be read: Permission denied. ",
+                      done.stdout)
 
     def test_usage(self):
         for arguments in (["plan", "now"], ["plan", "--fast"]):

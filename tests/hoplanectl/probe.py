@@ -258,6 +258,17 @@ class Effects(ProbeCase):
         for line in connections:
             self.assertIn(f"htons({port})", line)
 
+    def test_a_signal_while_the_answer_is_awaited(self):
+        with bound() as server:
+            server.listen()
+            done = subprocess.run(["strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=poll",
+                                   "-e", "inject=poll:error=EINTR:when=1..2", *tool.COMMAND,
+                                   "probe", target(server)], stdout=subprocess.PIPE,
+                                  encoding="utf-8", check=False,
+                                  env=os.environ | {"ASAN_OPTIONS": "detect_leaks=0"})
+        self.assertEqual(0, done.returncode, done.stdout)
+        self.assertIn("accepted", done.stdout)
+
     def test_an_attempt_leaves_nothing_open(self):
         with bound() as server:
             done = subprocess.run(["prlimit", "--nofile=32", *tool.COMMAND, "--json", "probe",

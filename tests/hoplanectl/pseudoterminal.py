@@ -57,6 +57,14 @@ class Terminal:
         self.status = os.waitstatus_to_exitcode(os.waitpid(self.pid, 0)[1])
         os.close(self._end)
 
+    def hang_up(self):
+        """As a line that is cut."""
+        os.close(self._end)
+
+    def wait(self):
+        """The tool's exit status, at its end."""
+        return os.waitstatus_to_exitcode(os.waitpid(self._pid, 0)[1])
+
     def send(self, number):
         os.kill(self.pid, number)
 

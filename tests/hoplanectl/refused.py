@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: MIT
 """Bad input, by table: each is refused with its reason, and the file is as it was."""
 
+import re
+
 import tool
 from tool import write
 
@@ -100,7 +102,7 @@ VALUES = [
     *refused(CONNECTION, "the name begins or ends with a blank", " lan", "lan ", "  ", " ",
              "\u00a0lan"),
     *refused(CONNECTION, "nmcli does not take this word for a name", "id", "uuid", "path", "apath",
-             "help"),
+             "help", "h", "he", "hel"),
     *refused(["set", "connection", "--"], "nmcli does not take this word for a name", "-x",
              "--active", "-"),
     *refused(CONNECTION, "which the library may replace", "%1", "50%", "a%2b"),
@@ -189,6 +191,22 @@ class Refused(tool.TestCase):
                 result = tool.tool(*arguments)
                 self.assertRegex(result.err, r'^hoplanectl: ".*": [^\n]+; for example [^\n]+\n'
                                              r"hoplanectl: nothing is changed\n$", str(arguments))
+
+    def test_gateway_of_the_example_is_taken(self):
+        for address, gateway in (("10.0.0.2/24", "10.0.1.1"), ("10.0.0.1/24", "10.0.1.1"),
+                                 ("10.0.0.1/24", "10.0.0.1"), ("10.0.0.2/31", "10.0.1.1"),
+                                 ("10.0.0.3/31", "10.0.0.3"), ("10.0.0.1/30", "10.0.0.3"),
+                                 ("10.0.0.2/30", "ten"), ("10.0.0.7/1", "192.0.2.1"),
+                                 ("126.255.255.255/1", "192.0.2.1")):
+            with self.subTest(address=address, gateway=gateway):
+                result = self.expect(1, *NETWORK, "--address", address, "--gateway", gateway)
+                example = re.search(r"; for example (\S+)$", result.err, re.MULTILINE)[1]
+                self.expect(0, *NETWORK, "--address", address, "--gateway", example)
+
+    def test_no_gateway_fits_a_network_of_one_machine(self):
+        for gateway in ("10.0.0.1", "10.0.0.2"):
+            result = self.expect(1, *NETWORK, "--address", "10.0.0.2/32", "--gateway", gateway)
+            self.assertIn("; for example no --gateway, or a shorter prefix\n", result.err)
 
     def test_usage(self):
         for arguments, reason in USAGE:

@@ -4,6 +4,7 @@ The texts of golden/ are what it showed, with the times masked; with HOPLANE_WRI
 are written anew."""
 
 import json
+import os
 import pathlib
 import re
 import signal
@@ -188,8 +189,25 @@ class Outcomes(TestCase):
         self.start_server(NET1)
         self.configure()
         with open("/dev/full", "w", encoding="utf-8") as full:
-            done = subprocess.run([*tool.COMMAND, "search"], stdout=full, timeout=60, check=False)
-        self.assertEqual(done.returncode, 1)
+            done = subprocess.run([*tool.COMMAND, "search"], stdout=full, stderr=subprocess.PIPE,
+                                  timeout=60, check=False)
+        self.assertEqual((done.returncode, done.stderr),
+                         (3, b"hoplanectl: the results could not be written\n"))
+
+    def test_last_line_without_an_end(self):
+        """What nmcli says last has no line break: it is told with the command."""
+        self.start_server(NET1)
+        self.configure()
+        folder = pathlib.Path("/sandbox/tmp/saying")
+        folder.mkdir(exist_ok=True)
+        nmcli = folder / "nmcli"
+        nmcli.write_text('#!/bin/sh\nprintf "half a line" >&2\nexec /usr/bin/nmcli "$@"\n',
+                         encoding="utf-8")
+        nmcli.chmod(0o755)
+        path = {"PATH": f"{folder}:{os.environ['PATH']}"}
+        result = self.expect(0, "search", "--json", environment=path)
+        said = [thing["message"] for thing in self.steps(result, "message")]
+        self.assertEqual(said, ["half a line"] * 3)
 
 
 class NotStarted(TestCase):
@@ -209,6 +227,18 @@ class NotStarted(TestCase):
         self.check(f"no search: switching is disabled in {path}; enable it with hoplanectl --app "
                    f"{APP} set enabled on")
 
+    def test_folder_in_place_of_the_file(self):
+        """The file is a folder."""
+        path = tool.path_of(APP)
+        path.mkdir(parents=True)
+        self.check(f"no search: {path} is no regular file", "--app", APP)
+
+    def test_no_ini_file(self):
+        """The file is something else, of which the library makes that switching is disabled."""
+        path = self.configure()
+        path.write_bytes(b"\x7fELF\n")
+        self.check(f"no search: {path} is no INI file throughout")
+
     def test_no_file(self):
         """No application has a configuration."""
         self.check("no application has a configuration")
@@ -223,11 +253,14 @@ class NotStarted(TestCase):
         self.configure(app="one")
         self.configure(app="two")
         self.check("several applications have a configuration")
+        told = outcome(self.expect(2, "search", "--json"))["text"]
+        self.assertEqual(told, "several applications have a configuration; choose one with --app "
+                               "NAME: one, two")
 
     def test_usage(self):
         """Times that are none."""
         self.configure()
-        for seconds in ("0", "-1", "86401", "ten", "", "1.5"):
+        for seconds in ("0", "-1", "86401", "ten", "", "1.5", "+5", " 5", "05"):
             with self.subTest(seconds=seconds):
                 result = self.expect(64, "search", f"--timeout={seconds}")
                 self.assertIn("it has to be a number from 1 to 86400", result.err)
@@ -263,6 +296,34 @@ class Ends(TestCase):
                 self.assertEqual(program.end(number), status)
                 self.assertRegex(program.lines[-1],
                                  r"no outcome after .*: interrupted \(network 1:")
+
+    def test_interrupt_is_ignored(self):
+        """Whoever starts it in the background of a script has Ctrl-C ignored: it goes on."""
+        self.configure()
+        program = self.running("search", prefix=["env", "--ignore-signal=INT"])
+        program.expect("attempt 2 of 10")
+        program.send(signal.SIGINT)
+        program.expect("attempt 4 of 10")
+        self.assertEqual(program.end(signal.SIGTERM), 143)
+
+    def test_hung_up(self):
+        """The line over which it is shown is cut, perhaps by itself: it goes on to its end, and so
+        do its commands."""
+        self.start_server(NET1)
+        self.configure()
+        folder = pathlib.Path("/sandbox/tmp/waiting")
+        folder.mkdir(exist_ok=True)
+        gate, nmcli = folder / "gate", folder / "nmcli"
+        os.mkfifo(gate)
+        nmcli.write_text(f'#!/bin/sh\n[ "$2" != up ] || cat {gate}\n'
+                         'exec /usr/bin/nmcli "$@"\n', encoding="utf-8")
+        nmcli.chmod(0o755)
+        terminal = Terminal("search",
+                            environment={"PATH": f"{folder}:{os.environ['PATH']}"})
+        with gate.open("wb"):
+            terminal.hang_up()
+        self.assertEqual(terminal.wait(), 3)
+        self.assertEqual(self.lab.addresses(), [NET1.device + "/24"])
 
     def test_interrupted_objects(self):
         """The same, told in objects."""

@@ -124,6 +124,66 @@ network 2    server (none); automatic addressing (DHCP)
         path_of("other").parent.mkdir()
         self.assertIn("application  device", self.expect(0, "show").out)
 
+    def test_unreadable(self):
+        """Nothing is shown of a file that nobody has read."""
+        path = path_of("device")
+        path.parent.mkdir(parents=True)
+        for make in (os.mkdir, os.mkfifo):
+            make(path)
+            for options in ([], ["--raw"], ["--json"]):
+                with self.subTest(make=make, options=options):
+                    result = self.expect(1, "--app", "device", "show", *options)
+                    self.assertEqual((result.out, result.err),
+                                     ("", f"hoplanectl: {path} is no regular file\n"))
+            subprocess.run(["rm", "-r", str(path)], check=True)
+
+    def test_not_allowed_to_read(self):
+        path = write("device", COMPLETE)
+        path.chmod(0)
+        done = subprocess.run(["setpriv", "--bounding-set=-all", "--inh-caps=-all",
+                               "--no-new-privs", *tool.COMMAND, "show"], stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, encoding="utf-8", check=False)
+        self.assertEqual((done.returncode, done.stdout, done.stderr),
+                         (1, "", f"hoplanectl: {path} cannot be read: Permission denied\n"))
+
+    def test_no_ini_file_throughout(self):
+        """What the library makes of it is shown, and that it is not all."""
+        path = write("device", COMPLETE)
+        path.write_bytes(b"[General]\nSwitchEnable=true\nstray\n")
+        for options, shown in (([], "switching    on\n"), (["--raw"], "SwitchEnable=true\n"),
+                               (["--json"], '"enabled":true')):
+            result = self.expect(1, "show", *options)
+            self.assertIn(shown, result.out)
+            self.assertEqual(result.err, f"hoplanectl: {path} is no INI file throughout; shown is "
+                                         "what the library makes of it\n")
+
+    def test_closed_output(self):
+        """Nothing takes the place of the streams that are closed."""
+        write("device", COMPLETE)
+        for closed in (">&-", "<&- >&-"):
+            done = subprocess.run(["sh", "-c", f'exec "$@" {closed}', "sh", *tool.COMMAND, "show"],
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False)
+            self.assertEqual((done.returncode, done.stderr),
+                             (1, b"hoplanectl: the results could not be written\n"))
+        done = subprocess.run(["sh", "-c", 'exec "$@" <&- 2>&-', "sh", *tool.COMMAND, "show"],
+                              stdout=subprocess.PIPE, check=False)
+        self.assertEqual(done.returncode, 0)
+        self.assertIn(b"switching    on\n", done.stdout)
+
+    def test_name_of_the_application_reaches_the_terminal_as_text(self):
+        name = "\x1b[31mred"
+        path = str(path_of(name)).replace("\x1b", r"\u001b")
+        for status, arguments, told in (
+                (1, ["show"], f"there is no {path}"),
+                (0, ["set", "enabled", "on"], f"{path} is written\n"),
+                (0, ["set", "enabled", "on"], f"nothing to change: {path} has"),
+                (1, ["set", "server", "1", "192.0.2.1:0"], "nothing is changed"),
+                (0, ["show"], f"application  \\u001b[31mred\nfile         {path}\n"),
+                (64, ["sh\x1bow"], "sh\\u001bow")):
+            result = self.expect(status, "--app", name, *arguments)
+            self.assertIn(told, result.out + result.err)
+            self.assertNotIn("\x1b", result.out + result.err)
+
     def test_full_output(self):
         write("device", COMPLETE)
         with open("/dev/full", "wb") as full:
@@ -440,7 +500,8 @@ def traced(options, *arguments):
     """Runs `set` below strace."""
     return subprocess.run(["strace", "-f", "-qq", *options, *tool.COMMAND, "set", *arguments],
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8",
-                          check=False)
+                          # Leaks cannot be looked for under strace.
+                          env=os.environ | {"ASAN_OPTIONS": "detect_leaks=0"}, check=False)
 
 
 def synchronisations():

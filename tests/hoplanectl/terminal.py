@@ -191,6 +191,10 @@ class Shown(TerminalCase):
         self.each(CASES, lambda case, expected: self.assertEqual(
             without_marks(expected), self.on_terminal(case, NO_COLOR="1")))
 
+    def test_no_colours_whatever_NO_COLOR_says(self):
+        for value in ("0", "no", " "):
+            self.assertNotIn("\x1b", self.on_terminal(CASES["plan"], NO_COLOR=value))
+
     def test_no_colours_on_a_dumb_terminal(self):
         self.each(CASES, lambda case, expected: self.assertEqual(
             without_marks(expected), self.on_terminal(case, TERM="dumb")))

@@ -5,6 +5,7 @@ tool.main(); it runs in script/sandbox, with the tool's command line as its argu
 import json
 import os
 import pathlib
+import signal
 import subprocess
 import sys
 import unittest
@@ -83,5 +84,7 @@ class TestCase(unittest.TestCase):
 def main():
     if os.environ.get("HOME") != str(HOME):
         sys.exit("runs in script/sandbox only")
+    # Whoever has started the tests may have it ignored, and so would all that they start.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
     COMMAND.extend(sys.argv[1:])
     unittest.main(argv=sys.argv[:1])

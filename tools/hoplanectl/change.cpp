@@ -58,10 +58,10 @@ int makeChanges(Output *out, const Changes &changes, bool dryRun)
     Settings after = before;
     changes.applyTo(&after);
     tell(out, before, after, dryRun);
-    if (!different)
-        out->line(QStringLiteral("nothing to change: %1 has these values already").arg(path));
-    else
-        out->line(dryRun ? QStringLiteral("%1 is not changed").arg(path)
-                         : QStringLiteral("%1 is written").arg(path));
+    const QString outcome = !different
+            ? QStringLiteral("nothing to change: %1 has these values already")
+            : dryRun ? QStringLiteral("%1 is not changed")
+                     : QStringLiteral("%1 is written");
+    out->line(Text::visible(outcome.arg(path)));
     return ExitGood;
 }

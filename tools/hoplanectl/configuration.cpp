@@ -195,6 +195,24 @@ bool isName(const QString &name)
             && name != QLatin1String("..");
 }
 
+// Why the name, null if none was given, is no application's; nothing if it can be one's.
+QString notChoosable(const QString &name, const QStringList &known)
+{
+    if (name.isNull() && known.isEmpty())
+        return QStringLiteral("no application has a configuration in %1; name yours with "
+                              "--app NAME")
+                .arg(Configuration::folder());
+    if (name.isNull())
+        return QStringLiteral("several applications have a configuration; choose one with "
+                              "--app NAME: %1")
+                .arg(known.join(QStringLiteral(", ")));
+    if (!isName(name))
+        return QStringLiteral("--app \"%1\": not the name of an application; it is the name "
+                              "of a folder, for example failover")
+                .arg(name);
+    return QString();
+}
+
 } // namespace
 
 Settings Settings::read(const QString &path)
@@ -286,37 +304,26 @@ QStringList applications()
     return found;
 }
 
-bool choose(const QString &name, bool mayBeNew)
+bool choose(const QString &name, bool mayBeNew, QString *reason)
 {
     const QStringList known = applications();
-    if (name.isNull() && known.size() == 1) {
-        QCoreApplication::setApplicationName(known.first());
-        return true;
-    }
-    const QString list = known.join(QStringLiteral(", "));
-    if (name.isNull() && known.isEmpty()) {
-        Output::message(QStringLiteral("no application has a configuration in %1; name yours with "
-                                       "--app NAME")
-                                .arg(folder()));
-    } else if (name.isNull()) {
-        Output::message(QStringLiteral("several applications have a configuration; choose one with "
-                                       "--app NAME: %1")
-                                .arg(list));
-    } else if (!isName(name)) {
-        Output::message(
-                QStringLiteral("--app \"%1\": not the name of an application; it is the name "
-                               "of a folder, for example failover")
-                        .arg(name));
-    } else {
-        QCoreApplication::setApplicationName(name);
+    const QString chosen = name.isNull() && known.size() == 1 ? known.first() : name;
+    const QString wrong = notChoosable(chosen, known);
+    if (wrong.isEmpty()) {
+        QCoreApplication::setApplicationName(chosen);
         if (mayBeNew || QFileInfo::exists(path()))
             return true;
-        Output::message(
-                QStringLiteral("the application \"%1\" has no configuration: there is no %2%3")
-                        .arg(name, path(),
-                             known.isEmpty() ? QString()
-                                             : QStringLiteral("; these have one: ") + list));
     }
+    const QString list = known.join(QStringLiteral(", "));
+    const QString text = !wrong.isEmpty()
+            ? wrong
+            : QStringLiteral("the application \"%1\" has no configuration: there is no %2%3")
+                      .arg(name, path(),
+                           known.isEmpty() ? QString()
+                                           : QStringLiteral("; these have one: ") + list);
+    Output::message(text);
+    if (reason)
+        *reason = text;
     return false;
 }
 
@@ -345,6 +352,12 @@ QString notIni(const QString &path)
     return ini.status() == QSettings::NoError
             ? QString()
             : QStringLiteral("%1 is no INI file throughout").arg(path);
+}
+
+QString unusable(const QString &path)
+{
+    const QString reason = unreadable(path);
+    return reason.isEmpty() ? notIni(path) : reason;
 }
 
 QVector<RawValue> rawValues(const QString &path)

@@ -68,9 +68,9 @@ QStringList applications();
 QString folder();
 
 // Makes the application the one whose configuration is meant: the named one, or the only one that
-// has a file. `mayBeNew`: a name without a file is all right. False, with a message, if there is
-// none, or several.
-bool choose(const QString &name, bool mayBeNew);
+// has a file. `mayBeNew`: a name without a file is all right. False, with a message, which is also
+// the `reason`, if there is none, or several.
+bool choose(const QString &name, bool mayBeNew, QString *reason = nullptr);
 
 // Of the chosen application.
 QString path();
@@ -82,6 +82,9 @@ QString unreadable(const QString &path);
 // Why not all of a file that can be read can be taken apart; nothing if it can. The library takes
 // what it has understood until then.
 QString notIni(const QString &path);
+
+// The first of both that is the case.
+QString unusable(const QString &path);
 
 // All eighteen keys in the file's order, with what the file has.
 QVector<RawValue> rawValues(const QString &path);

@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -78,7 +79,7 @@ bool Live::start(Output *out)
 
 void Live::message(const QString &text) const
 {
-    const QByteArray bytes = "hoplanectl: " + text.toUtf8() + '\n';
+    const QByteArray bytes = Output::asMessage(text);
     if (::write(m_errors, bytes.constData(), size_t(bytes.size())) < 0)
         return; // nobody left to tell it to
 }
@@ -93,8 +94,11 @@ Moment Live::now()
 
 void Live::leave(Output *out, int status)
 {
-    if (!out->finish() && status == 0)
-        status = 1;
+    if (!out->finish()) {
+        theLive->message(QStringLiteral("the results could not be written"));
+        if (status == 0)
+            status = resultsLost;
+    }
     std::_Exit(status);
 }
 
@@ -107,8 +111,10 @@ void Live::log(QtMsgType type, const QMessageLogContext &, const QString &text)
 
 void Live::abandon(const QString &text) const
 {
-    dup2(m_errors, STDERR_FILENO);
     message(text);
+    // What the runtime says on the way.
+    if (dup2(m_errors, STDERR_FILENO) < 0)
+        std::_Exit(128 + SIGABRT);
     std::abort();
 }
 
@@ -134,6 +140,9 @@ void Live::handleAll()
     // What is printed comes before the line about what follows from it, or about a command's end.
     read(&m_printed);
     read(&m_said);
+    // Commands are logged when they have ended, also if their last line has not.
+    if (!queued.isEmpty() && !m_said.rest.isEmpty())
+        takePrinted(QString::fromLocal8Bit(std::exchange(m_said.rest, QByteArray())), true);
     for (const Logged &logged : queued)
         handle(logged);
 }
@@ -154,10 +163,10 @@ void Live::handle(const Logged &logged)
 bool Live::replace(int descriptor, Stream *stream)
 {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0 || dup2(ends[1], descriptor) < 0)
+    if (pipe2(ends, O_CLOEXEC) != 0 || dup2(ends[1], descriptor) < 0
+        || fcntl(ends[0], F_SETFL, O_NONBLOCK) != 0)
         return false;
     close(ends[1]);
-    fcntl(ends[0], F_SETFL, O_NONBLOCK);
     stream->end = ends[0];
     listen(stream->end, [this, stream] { read(stream); });
     return true;
@@ -210,7 +219,7 @@ bool Live::catchSignals()
 {
     if (pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
         return false;
-    for (const int number : { SIGINT, SIGTERM }) {
+    for (const int number : { SIGINT, SIGTERM, SIGHUP }) {
         struct sigaction before = {};
         sigaction(number, nullptr, &before);
         // Whoever had it ignored, as nohup does with others, wants that.

@@ -22,7 +22,8 @@ public:
     using OnEntry = std::function<void(const LogEntry &, const LogLine &)>;
     using OnSignal = std::function<void(int)>;
 
-    // Both are called in the main thread, by its event loop. `onSignal`: SIGINT or SIGTERM came.
+    // Both are called in the main thread, by its event loop. `onSignal`: SIGINT, SIGTERM
+    // or SIGHUP came.
     Live(OnEntry onEntry, OnSignal onSignal);
 
     // From here on standard output and standard error are the library's and its commands', and
@@ -35,6 +36,8 @@ public:
     void message(const QString &text) const;
     static Moment now();
 
+    // The exit status of a success that could not be told.
+    static constexpr int resultsLost = 3;
     // Ends the process, whose other threads never end, without the destructors that would wait for
     // them.
     [[noreturn]] static void leave(Output *out, int status);

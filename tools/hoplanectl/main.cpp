@@ -7,6 +7,9 @@
 
 #include <QCoreApplication>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <clocale>
 
@@ -60,10 +63,12 @@ int takeOptions(Context *context, QStringList *arguments, bool *done)
     while (!arguments->isEmpty() && arguments->first().startsWith(QLatin1Char('-'))) {
         const QString option = arguments->takeFirst();
         if (option == QLatin1String("-h") || option == QLatin1String("--help")) {
+            context->out.setJson(false);
             context->out.line(overview());
             return context->out.finish() ? ExitGood : ExitFailed;
         }
         if (option == QLatin1String("-v") || option == QLatin1String("--version")) {
+            context->out.setJson(false);
             context->out.line(QStringLiteral("hoplanectl " HOPLANE_VERSION));
             return context->out.finish() ? ExitGood : ExitFailed;
         }
@@ -113,10 +118,24 @@ int run(QStringList arguments)
     return outcome;
 }
 
+// What is opened later shall not take the place of a stream that was closed. To standard output
+// nothing can be written then: results that nobody gets are no success.
+bool openStreams()
+{
+    for (const int stream : { STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO }) {
+        const int flags = stream == STDOUT_FILENO ? O_RDONLY : O_RDWR;
+        if (fcntl(stream, F_GETFD) < 0 && open("/dev/null", flags) != stream)
+            return false;
+    }
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    if (!openStreams())
+        return ExitFailed;
     const QCoreApplication application(argc, argv);
     return run(words(argc, argv));
 }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "output.h"
 
+#include "text.h"
+
 #include <QJsonDocument>
 
 #include <unistd.h>
@@ -43,11 +45,17 @@ void Output::write(const QByteArray &bytes)
 
 bool Output::finish()
 {
-    return fflush(m_results) == 0 && !m_failed;
+    // On a terminal fwrite() tells nothing of a failure.
+    return fflush(m_results) == 0 && ferror(m_results) == 0 && !m_failed;
 }
 
 void Output::message(const QString &text)
 {
-    const QByteArray bytes = "hoplanectl: " + text.toUtf8() + '\n';
+    const QByteArray bytes = asMessage(text);
     fwrite(bytes.constData(), 1, size_t(bytes.size()), stderr);
+}
+
+QByteArray Output::asMessage(const QString &text)
+{
+    return "hoplanectl: " + Text::visible(text).toUtf8() + '\n';
 }

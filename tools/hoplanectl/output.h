@@ -31,6 +31,8 @@ public:
 
     // "hoplanectl: TEXT" on standard error.
     static void message(const QString &text);
+    // As a message is written, whatever the text has in it.
+    static QByteArray asMessage(const QString &text);
 
 private:
     void write(const QByteArray &bytes);

@@ -125,11 +125,14 @@ QString orderText(const Plan &plan)
 void showText(Output *out, const QString &path, const Plan &plan)
 {
     if (!plan.idleBecause.isEmpty())
-        out->line(QStringLiteral("A search would do nothing: %1. Otherwise it would do this:")
-                          .arg(plan.idleBecause),
-                  Output::Warning);
-    out->line(QStringLiteral("application  %1").arg(QCoreApplication::applicationName()));
-    out->line(QStringLiteral("file         %1").arg(path));
+        out->line(
+                Text::visible(QStringLiteral("A search would do nothing: %1. Otherwise it would do "
+                                             "this:")
+                                      .arg(plan.idleBecause)),
+                Output::Warning);
+    out->line(Text::visible(
+            QStringLiteral("application  %1").arg(QCoreApplication::applicationName())));
+    out->line(Text::visible(QStringLiteral("file         %1").arg(path)));
     out->line(QStringLiteral("processor    %1: %2").arg(plan.processor, orderText(plan)));
     out->line(Text::visible(
             QStringLiteral("connection   %1").arg(Describe::connection(plan.settings.connection))));
@@ -229,7 +232,8 @@ void showObjects(Output *out, const QString &path, const Plan &plan)
 int showNoFile(Output *out, const QString &path)
 {
     const QString reason = QStringLiteral("there is no %1").arg(path);
-    out->line(QStringLiteral("A search would do nothing: %1").arg(reason), Output::Warning);
+    out->line(Text::visible(QStringLiteral("A search would do nothing: %1").arg(reason)),
+              Output::Warning);
     out->object(planObject(path, reason));
     return ExitFailed;
 }

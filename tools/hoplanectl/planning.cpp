@@ -299,10 +299,9 @@ Purpose Plan::purposeOf(const Step &step) const
 Plan make(const QString &path)
 {
     Plan plan{ Settings::read(path), {}, Processor::name(), false, {}, {}, {} };
-    if (!QFileInfo(path).isReadable())
-        plan.idleBecause = QStringLiteral("%1 cannot be read").arg(path);
-    else if (!plan.settings.enabled)
-        plan.idleBecause = QStringLiteral("switching is off");
+    const QString unusable = Configuration::unusable(path);
+    if (!plan.settings.enabled)
+        plan.idleBecause = unusable.isEmpty() ? QStringLiteral("switching is off") : unusable;
     const QString &connection = plan.settings.connection;
     plan.lookUp = lookUp(connection);
     plan.warnings = lookUpWarnings(plan.lookUp, connection)

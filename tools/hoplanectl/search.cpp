@@ -3,9 +3,11 @@
 
 #include "configuration.h"
 #include "livecommand.h"
+#include "values.h"
 
 #include <QCoreApplication>
-#include <QFileInfo>
+
+#include <csignal>
 
 namespace {
 
@@ -54,10 +56,11 @@ private:
 QString unfitness()
 {
     const QString file = Configuration::path();
-    if (!QFileInfo::exists(file))
-        return QStringLiteral("there is no %1 any more").arg(file);
     if (Settings::read(file).enabled)
         return QStringLiteral("%1 was changed meanwhile").arg(file);
+    const QString unusable = Configuration::unusable(file);
+    if (!unusable.isEmpty())
+        return unusable;
     return QStringLiteral("switching is disabled in %1; enable it with hoplanectl --app %2 set "
                           "enabled on")
             .arg(file, QCoreApplication::applicationName());
@@ -65,6 +68,9 @@ QString unfitness()
 
 int Search::run(int timeoutSeconds)
 {
+    // It may itself cut the line that it is shown over. Ignored, so that its commands come to their
+    // end, too.
+    std::signal(SIGHUP, SIG_IGN);
     m_begin = Live::now();
     Hoplane *const library = takeLibrary();
     if (!library)
@@ -144,7 +150,8 @@ const QString text = QStringLiteral(
         "addressing as it does. As at each start of the application the device's own\n"
         "network settings are imported first, if it has any.\n\n"
         "Exit status: 0 a server is reached, 1 none is (or --timeout came first), 2 the\n"
-        "search could not begin, 128 plus the signal's number when interrupted.");
+        "search could not begin, 128 plus the signal's number when interrupted, 3 a\n"
+        "server is reached but the results could not be written.");
 
 } // namespace
 
@@ -159,16 +166,15 @@ int runSearch(Context &context, const Command &command, const QStringList &argum
     line.add({ verbose, QStringLiteral("Show each line of the library's log, too.") });
     if (!line.parse(&context, arguments, 0, 0))
         return line.status();
-    bool isNumber = true;
-    const int seconds = line.isSet(timeout) ? line.value(timeout).toInt(&isNumber) : 0;
-    if (line.isSet(timeout) && (!isNumber || seconds < 1 || seconds > mostSeconds))
+    const int seconds = Values::number(line.value(timeout), mostSeconds).value_or(0);
+    if (line.isSet(timeout) && seconds == 0)
         return usageError(QStringLiteral("--timeout %1: it has to be a number from 1 to %2")
                                   .arg(line.value(timeout))
                                   .arg(mostSeconds),
                           QStringLiteral("search"));
-    if (!Configuration::choose(context.app, false)) {
-        context.out.object(outcomeObject(QStringLiteral("not-started"),
-                                         QStringLiteral("there is no configuration")));
+    QString reason;
+    if (!Configuration::choose(context.app, false, &reason)) {
+        context.out.object(outcomeObject(QStringLiteral("not-started"), reason));
         return notStarted;
     }
     Search search(&context);

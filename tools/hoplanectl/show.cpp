@@ -12,8 +12,9 @@ namespace {
 
 void showText(Output *out, const Settings &settings)
 {
-    out->line(QStringLiteral("application  %1").arg(QCoreApplication::applicationName()));
-    out->line(QStringLiteral("file         %1").arg(Configuration::path()));
+    out->line(Text::visible(
+            QStringLiteral("application  %1").arg(QCoreApplication::applicationName())));
+    out->line(Text::visible(QStringLiteral("file         %1").arg(Configuration::path())));
     out->line(QStringLiteral("switching    %1").arg(Describe::enabled(settings.enabled)));
     out->line(Text::visible(
             QStringLiteral("connection   %1").arg(Describe::connection(settings.connection))));
@@ -75,12 +76,21 @@ int runShow(Context &context, const Command &command, const QStringList &argumen
     if (!Configuration::choose(context.app, false))
         return ExitFailed;
     const QString path = Configuration::path();
+    const QString unreadable = Configuration::unreadable(path);
+    if (!unreadable.isEmpty()) {
+        Output::message(unreadable);
+        return ExitFailed;
+    }
+    const QString notIni = Configuration::notIni(path);
+    if (!notIni.isEmpty())
+        Output::message(QStringLiteral("%1; shown is what the library makes of it").arg(notIni));
+    const int status = notIni.isEmpty() ? ExitGood : ExitFailed;
     if (line.isSet(QStringLiteral("raw"))) {
         showRaw(&context.out, path);
-        return ExitGood;
+        return status;
     }
     const Settings settings = Settings::read(path);
     showText(&context.out, settings);
     context.out.object(settingsObject(settings));
-    return ExitGood;
+    return status;
 }

@@ -31,17 +31,6 @@ QString dotted(quint32 bits)
             .arg(bits & 0xFF);
 }
 
-// A number without signs, blanks and leading zeros; nothing if it is none, or too large.
-std::optional<int> number(const QString &text, int most)
-{
-    static const QRegularExpression decimal(QStringLiteral("^(0|[1-9][0-9]{0,8})$"),
-                                            QRegularExpression::DontCaptureOption);
-    // Of one line: an end of the expression may stand before a line break.
-    if (text.endsWith(QLatin1Char('\n')) || !decimal.match(text).hasMatch() || text.toInt() > most)
-        return std::nullopt;
-    return text.toInt();
-}
-
 // Why no single machine has the address; nothing if one can.
 QString reservedFor(quint32 bits)
 {
@@ -103,10 +92,25 @@ Verdict checkHost(const QString &text, quint32 host, int prefix)
     return std::nullopt;
 }
 
+// Another address of the network.
+QString gatewayExample(quint32 host, int prefix)
+{
+    if (prefix == addressBits)
+        return QStringLiteral("no --gateway, or a shorter prefix");
+    if (prefix > lastWithHosts)
+        return dotted(host ^ 1);
+    const quint32 mask = maskBits(prefix);
+    for (const quint32 other : { (host & mask) + 1, host + 1, host - 1 }) {
+        if (other != host && (other & ~mask) != ~mask && reservedFor(other).isEmpty())
+            return dotted(other);
+    }
+    return QStringLiteral("another address of the network");
+}
+
 Verdict checkGateway(const QString &gateway, quint32 host, int prefix)
 {
     const quint32 mask = maskBits(prefix);
-    const QString example = dotted((host & mask) + 1);
+    const QString example = gatewayExample(host, prefix);
     if (Verdict refusal = address(gateway, QStringLiteral("gateway"), example))
         return refusal;
     const quint32 bits = *Values::bits(gateway);
@@ -173,6 +177,16 @@ Verdict checkCharacters(const QString &name, const QString &example)
 QString Refusal::text() const
 {
     return QStringLiteral("\"%1\": %2; for example %3").arg(Text::visible(value), reason, example);
+}
+
+std::optional<int> number(const QString &text, int most)
+{
+    static const QRegularExpression decimal(QStringLiteral("^(0|[1-9][0-9]{0,8})$"),
+                                            QRegularExpression::DontCaptureOption);
+    // Of one line: an end of the expression may stand before a line break.
+    if (text.endsWith(QLatin1Char('\n')) || !decimal.match(text).hasMatch() || text.toInt() > most)
+        return std::nullopt;
+    return text.toInt();
 }
 
 bool isKept(const QString &text)
@@ -264,9 +278,9 @@ Verdict connectionName(const QString &name)
 {
     const QString example = QStringLiteral("\"Wired connection 1\"");
     // Words that nmcli takes for something else where a name is expected.
-    static const QStringList words = { QStringLiteral("id"),       QStringLiteral("uuid"),
-                                       QStringLiteral("path"),     QStringLiteral("apath"),
-                                       QStringLiteral("filename"), QStringLiteral("help") };
+    static const QStringList words = { QStringLiteral("id"), QStringLiteral("uuid"),
+                                       QStringLiteral("path"), QStringLiteral("apath"),
+                                       QStringLiteral("filename") };
     // With the name between them a command line of the library has to stay below 4096 bytes.
     constexpr int mostBytes = 1024;
     if (name.isEmpty())
@@ -275,7 +289,9 @@ Verdict connectionName(const QString &name)
         return refusal;
     if (name != name.trimmed())
         return refused(name, QStringLiteral("the name begins or ends with a blank"), example);
-    if (name.startsWith(QLatin1Char('-')) || words.contains(name))
+    // Of this one the beginning is enough for it.
+    const bool isHelp = QLatin1String("help").startsWith(name);
+    if (name.startsWith(QLatin1Char('-')) || words.contains(name) || isHelp)
         return refused(name, QStringLiteral("nmcli does not take this word for a name"), example);
     if (name.contains(QLatin1Char('%')))
         return refused(name, QStringLiteral("the name contains %, which the library may replace"),

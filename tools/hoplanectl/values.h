@@ -20,6 +20,9 @@ struct Refusal
 };
 using Verdict = std::optional<Refusal>;
 
+// A number without signs, blanks and leading zeros; nothing if it is none, or too large.
+std::optional<int> number(const QString &text, int most);
+
 // An IPv4 address in four decimal parts, each without leading zeros, as one machine can have it.
 Verdict address(const QString &text, const QString &what, const QString &example);
 
