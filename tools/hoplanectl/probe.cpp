@@ -49,13 +49,8 @@ bool split(const QString &text, Target *target)
 
 Values::Verdict checkPort(Target *target)
 {
-    static const QRegularExpression decimal(
-            QRegularExpression::anchoredPattern(QStringLiteral("[1-9][0-9]{0,4}")));
-    constexpr int lastPort = 65535;
-    if (!decimal.match(target->port).hasMatch() || target->port.toInt() > lastPort)
-        return Values::Refusal{ target->text(),
-                                QStringLiteral("the port has to be a number from 1 to 65535"),
-                                example };
+    if (Values::Verdict refusal = Values::port(target->text(), target->port))
+        return refusal;
     target->address.sin_port = htons(quint16(target->port.toInt()));
     return std::nullopt;
 }
@@ -100,13 +95,11 @@ QString resolve(Target *target)
 // The option's number; 0, with a message, if it is none from 1 to `most`.
 int number(const CommandLine &line, const QString &option, int most, const QString &usual)
 {
-    static const QRegularExpression decimal(
-            QRegularExpression::anchoredPattern(QStringLiteral("[1-9][0-9]{0,6}")));
     const QString text = line.value(option);
     QString wrong;
     if (line.values(option).size() > 1 && line.isSet(option))
         wrong = QStringLiteral("--%1 stands there twice").arg(option);
-    else if (!decimal.match(text).hasMatch() || text.toInt() > most)
+    else if (Values::number(text, most).value_or(0) == 0)
         wrong = QStringLiteral("--%1 %2").arg(
                 option,
                 Values::Refusal{ text,

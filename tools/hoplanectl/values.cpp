@@ -226,6 +226,15 @@ Verdict address(const QString &text, const QString &what, const QString &example
     return std::nullopt;
 }
 
+Verdict port(const QString &text, const QString &port)
+{
+    constexpr int lastPort = 65535;
+    if (number(port, lastPort).value_or(0) == 0)
+        return refused(text, QStringLiteral("the port has to be a number from 1 to 65535"),
+                       QStringLiteral("192.0.2.1:9000"));
+    return std::nullopt;
+}
+
 Verdict server(const QString &text, Server *server)
 {
     const QString example = QStringLiteral("192.0.2.1:9000");
@@ -238,10 +247,8 @@ Verdict server(const QString &text, Server *server)
         refusal->value = text;
         return refusal;
     }
-    constexpr int lastPort = 65535;
-    if (number(port, lastPort).value_or(0) == 0)
-        return refused(text, QStringLiteral("the port has to be a number from 1 to 65535"),
-                       example);
+    if (Verdict refusal = Values::port(text, port))
+        return refusal;
     *server = { ip, port };
     return std::nullopt;
 }

@@ -34,6 +34,9 @@ struct Server
 };
 Verdict server(const QString &text, Server *server);
 
+// The port of the server, which the text names.
+Verdict port(const QString &text, const QString &port);
+
 // ADDRESS/PREFIX of the device, its gateway (may be empty), its name servers (none to two).
 struct Addressing
 {
