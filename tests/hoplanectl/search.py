@@ -11,12 +11,23 @@ import signal
 import subprocess
 
 import tool
-from laboratory import CONNECTION, NET1, NET2, PORT
+from laboratory import CONNECTION, NET1, NET2, PORT, wait_until
 from live import (APP, ARM, TestCase, Terminal, dhcp, masked, setUpModule,  # noqa: F401
                   static)
 
 FIRST, SECOND = f"{NET1.server}:{PORT}", f"{NET2.server}:{PORT}"
 DEVICE_FILE = pathlib.Path("/userdata/netSettings.ini")
+
+
+def is_stuck(process):
+    """Whether the process waits for whoever reads its results."""
+    return "pipe_write" in pathlib.Path(f"/proc/{process}/wchan").read_text(encoding="utf-8")
+
+
+def is_caught(process, number):
+    """Whether the process has a handler for the signal."""
+    text = pathlib.Path(f"/proc/{process}/status").read_text(encoding="utf-8")
+    return int(re.search(r"^SigCgt:\s*(\S+)", text, re.MULTILINE)[1], 16) >> number - 1 & 1 == 1
 
 
 def outcome(result):
@@ -305,6 +316,21 @@ class Ends(TestCase):
         program.send(signal.SIGINT)
         program.expect("attempt 4 of 10")
         self.assertEqual(program.end(signal.SIGTERM), 143)
+
+    def test_second_interruption(self):
+        """It hangs, because nobody reads what it writes: the second Ctrl-C ends it at once."""
+        self.configure(first=static(NET1), second=static(NET2))
+        with subprocess.Popen([*tool.COMMAND, "search", "--verbose"],
+                              stdout=subprocess.PIPE) as process:
+            try:
+                wait_until(lambda: is_stuck(process.pid), 30, "a full pipe")
+                process.send_signal(signal.SIGINT)
+                wait_until(lambda: not is_caught(process.pid, signal.SIGINT), 30,
+                           "the first signal")
+                process.send_signal(signal.SIGINT)
+                self.assertEqual(process.wait(30), -signal.SIGINT)
+            finally:
+                process.kill()
 
     def test_hung_up(self):
         """The line over which it is shown is cut, perhaps by itself: it goes on to its end, and so
