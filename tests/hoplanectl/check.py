@@ -451,6 +451,8 @@ class Values(Case):
                 '"10.1.0.300": the address has to be an IPv4', static + "IP/24" + rest)}),
             ({"FirstLocalIp": ""}, {"network-1": fault('"": the address has to be')}),
             ({"FirstLocalIp": "10.1.0.0"}, {"network-1": fault("address of the network itself")}),
+            ({"FirstLocalIp": "169.254.7.2", "FirstLocalMask": "255.255.0.0"}, {
+                "network-1": fault("does not count addresses of 169.254.0.0/16", static + "IP/16")}),
             ({"FirstLocalMask": "255.0.0.0"}, {"network-1": fault(
                 '"10.1.0.2/8": no netmask gives /8: the library applies 255.0.0.0 as /6',
                 static + "10.1.0.2/PREFIX" + rest)}),

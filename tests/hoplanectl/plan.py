@@ -378,6 +378,17 @@ class Skipped(PlanCase):
         self.assertEqual([LOOK_UP, LOOK_UP, "nmcli connection up uuid  "],
                          plan.turns("each")[1][1])
 
+    def test_an_address_that_does_not_count(self):
+        """Once the device has a link-local address only, it has none for the library."""
+        self.give_address("203.0.113.2/24")
+        plan = self.plan(BOTH_STATIC | {"FirstLocalIp": "169.254.7.2",
+                                        "FirstLocalMask": "255.255.0.0"})
+        self.assertEqual(["first", "later"], plan.passes())
+        self.assertEqual(([], 0), plan.turns("first")[1][1:])
+        self.assertEqual([self.SKIP_1, self.SKIP_2], plan.turns("later"))
+        self.assertEqual([("first", 2, ""), ("later", 1, ""), ("later", 2, "")],
+                         self.skipped(plan))
+
     def test_an_automatic_network_is_never_skipped(self):
         self.give_address("198.51.100.2/24")
         plan = self.plan(BOTH_AUTOMATIC | FIRST_STATIC)

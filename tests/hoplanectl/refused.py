@@ -66,6 +66,8 @@ VALUES = [
     *refused(NETWORK + ["--address"], "belong to no machine", "0.0.0.2/24"),
     *refused(NETWORK + ["--address"], "groups of machines", "224.0.0.2/24"),
     *refused(NETWORK + ["--address"], "reserved", "250.0.0.2/24"),
+    *refused(NETWORK + ["--address"], "does not count addresses of 169.254.0.0/16",
+             "169.254.7.2/16", "169.254.0.1/24", "169.254.255.254/30"),
     # Gateways and name servers.
     *refused(NETWORK + ["--address", "10.0.0.2/24", "--gateway"],
              "the gateway is outside the network 10.0.0.0/24", "10.0.1.1", "192.0.2.1", "8.8.8.8",

@@ -6,6 +6,7 @@
 #include "processor.h"
 
 #include <QFileInfo>
+#include <QHostAddress>
 #include <QRegularExpression>
 
 #include <networkswitchworker.h>
@@ -198,6 +199,16 @@ Turn playTurn(const Plan &plan, int network, bool (NetworkSwitchWorker::*connect
     return turn;
 }
 
+// What the library finds on a device that has the address: nothing if it does not count it.
+QString foundAddress(const QString &ip)
+{
+    bool counts = false;
+    Rehearsal::play([&](NetworkSwitchWorker &worker) {
+        counts = worker.filterInvalidIP(QHostAddress(ip));
+    });
+    return counts ? ip : QString();
+}
+
 // Both networks in the order of their tries. Afterwards the device is where that takes it.
 Pass playPass(const Plan &plan, Pass::When when)
 {
@@ -210,7 +221,7 @@ Pass playPass(const Plan &plan, Pass::When when)
         const NetworkSettings &settings = plan.settings.networks[network];
         const bool isApplied = !pass.turns.last().skipped && !plan.lookUp.uuid.isEmpty();
         if (isApplied && settings.isStatic)
-            Rehearsal::setDeviceAddress(settings.ip);
+            Rehearsal::setDeviceAddress(foundAddress(settings.ip));
     }
     return pass;
 }

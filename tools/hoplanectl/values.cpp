@@ -58,6 +58,19 @@ Verdict refused(const QString &value, const QString &reason, const QString &exam
     return Refusal{ value, reason, example };
 }
 
+// The device's own address; the library has to notice that the device has it.
+Verdict checkOwn(const QString &ip, quint32 host)
+{
+    constexpr quint32 linkLocal = 0xA9FE0000;
+    constexpr int linkLocalPrefix = 16;
+    if ((host & maskBits(linkLocalPrefix)) == linkLocal)
+        return refused(ip,
+                       QStringLiteral("the library does not count addresses of 169.254.0.0/16 "
+                                      "(link-local), so the device would have none for it"),
+                       QStringLiteral("10.0.0.2/24"));
+    return std::nullopt;
+}
+
 // The address with its prefix; what the library makes of the mask has to be the same prefix.
 Verdict checkPrefix(const QString &text, const QString &prefixText, int *prefix)
 {
@@ -269,6 +282,8 @@ Verdict addressing(const QString &text, const QString &gateway, const QStringLis
     if (Verdict refusal = checkPrefix(text, text.mid(slash + 1), &prefix))
         return refusal;
     const quint32 host = *bits(ip);
+    if (Verdict refusal = checkOwn(ip, host))
+        return refusal;
     if (Verdict refusal = checkHost(text, host, prefix))
         return refusal;
     if (!gateway.isEmpty()) {
