@@ -11,7 +11,8 @@ import re
 import socket
 import subprocess
 
-import tool
+import tool  # first: it tells where the laboratory is
+import laboratory
 from checking import (DEVICE_FILE, ITEMS, PROBES, CheckCase, fault, good, not_judged, warning)
 from tool import HOME, path_of, write
 
@@ -84,6 +85,18 @@ def nmcli(changes=None, missing=()):
     BIN.mkdir(exist_ok=True)
     (BIN / "nmcli").write_text("\n".join(lines) + "\n", encoding="utf-8")
     (BIN / "nmcli").chmod(0o755)
+
+
+def add_interface(case, name, address):
+    """One that the library looks at."""
+    for command in (["link", "add", name, "type", "veth", "peer", "name", "port0"],
+                    ["address", "add", address, "dev", name],
+                    ["link", "set", "port0", "up"], ["link", "set", name, "up"]):
+        subprocess.run(["ip", *command], check=True)
+    case.addCleanup(subprocess.run, ["ip", "link", "del", name], check=True)
+    laboratory.wait_until(
+        lambda: pathlib.Path(f"/sys/class/net/{name}/operstate").read_text("ascii") == "up\n", 10,
+        f"{name} is up")
 
 
 class Case(CheckCase):
@@ -452,7 +465,8 @@ class Values(Case):
             ({"FirstLocalIp": ""}, {"network-1": fault('"": the address has to be')}),
             ({"FirstLocalIp": "10.1.0.0"}, {"network-1": fault("address of the network itself")}),
             ({"FirstLocalIp": "169.254.7.2", "FirstLocalMask": "255.255.0.0"}, {
-                "network-1": fault("does not count addresses of 169.254.0.0/16", static + "IP/16")}),
+                "network-1": fault("does not count addresses of 169.254.0.0/16",
+                                   static + "IP/16")}),
             ({"FirstLocalMask": "255.0.0.0"}, {"network-1": fault(
                 '"10.1.0.2/8": no netmask gives /8: the library applies 255.0.0.0 as /6',
                 static + "10.1.0.2/PREFIX" + rest)}),
@@ -747,6 +761,29 @@ class TheConnection(Case):
             self.expect_findings({"interface": warning("lo has no carrier", "plug the cable in")})
         finally:
             subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+
+    def test_another_interface(self):
+        """The library takes the address of the last interface; the connection's is the first."""
+        add_interface(self, "wlan0", "10.2.0.2/24")
+        skipped = "takes the address 10.2.0.2 of wlan0 for that of lo, and skips network "
+        for changes, finding in (
+                ({}, fault(skipped + "2 (10.2.0.2) in", SETTING + "network 2 --address IP/24")),
+                ({"SecondLocalIp": "10.2.0.20"}, fault(skipped + "2 (10.2.0.20) in every pass")),
+                ({"SecondLocalIp": "10.2.0.3"}, good("lo, connected"))):
+            with self.subTest(changes=changes):
+                write(APP, GOOD | SECOND_STATIC | changes)
+                self.expect_interface(finding)
+        # It makes no difference where a network is automatic, nor the connection's own address.
+        write(APP, GOOD)
+        self.expect_interface(good("lo, connected"))
+        write(APP, GOOD | SECOND_STATIC)
+        nmcli({LIST: (LAN[:-2] + "wlan0", 0), DEVICES: ("wlan0:ethernet:connected", 0)})
+        self.expect_interface(good("wlan0, connected"))
+
+    def expect_interface(self, expected):
+        result = self.run_check("check", "--json")
+        self.compare_item("interface", [expected], [
+            row for row in result.objects if row.get("item") == "interface"], result)
 
     def test_profile(self):
         memory = f"nmcli connection modify uuid {UUID} connection.id lan"

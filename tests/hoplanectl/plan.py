@@ -145,16 +145,16 @@ class PlanCase(tool.TestCase):
         self.assertEqual("", result.err)
         return result.out
 
-    def give_address(self, address):
-        ip("link", "add", "eth0", "type", "veth", "peer", "name", "port0")
-        self.addCleanup(ip, "link", "del", "eth0")
-        ip("address", "add", address, "dev", "eth0")
-        ip("link", "set", "port0", "up")
-        ip("link", "set", "eth0", "up")
-        state = pathlib.Path("/sys/class/net/eth0/operstate")
+    def give_address(self, address, name="eth0"):
+        ip("link", "add", name, "type", "veth", "peer", "name", f"{name}-port")
+        self.addCleanup(ip, "link", "del", name)
+        ip("address", "add", address, "dev", name)
+        ip("link", "set", f"{name}-port", "up")
+        ip("link", "set", name, "up")
+        state = pathlib.Path(f"/sys/class/net/{name}/operstate")
         deadline = time.monotonic() + 10
         while state.read_text().strip() != "up":
-            self.assertLess(time.monotonic(), deadline, "eth0 does not come up")
+            self.assertLess(time.monotonic(), deadline, f"{name} does not come up")
             time.sleep(0.01)
 
 
@@ -404,6 +404,52 @@ class Skipped(PlanCase):
                       "198.51.100.2\n", self.text(BOTH_STATIC))
 
 
+class SecondInterface(PlanCase):
+    """Another interface has an address too; the library takes the last one of all."""
+    RUN_1, RUN_2, SKIP_1, SKIP_2 = Skipped.RUN_1, Skipped.RUN_2, Skipped.SKIP_1, Skipped.SKIP_2
+    ASK = ["-g", "connection.interface-name,GENERAL.DEVICES", "connection", "show", "uuid", UUID]
+
+    def connection_on(self, *lines):
+        text = "\\n".join(lines)
+        nmcli(UUID + "\\n", shell=f'case "$*" in *GENERAL*) printf "{text}\\n"; exit 0;; esac')
+
+    def plan_with(self, second, **values):
+        return self.plan(BOTH_STATIC | {"SecondLocalIp": second, **values})
+
+    def found(self, plan):
+        return [network["deviceAddress"] for network in plan.networks]
+
+    def test_behind_the_connections_own(self):
+        self.give_address("203.0.113.2/24")
+        self.give_address("192.0.2.5/24", "wlan0")
+        for lines in (("", "eth0"), ("eth0",), ("eth0", "", "eth0"), ("eth9", "eth0")):
+            self.connection_on(*lines)
+            plan = self.plan_with("192.0.2.50")
+            self.assertEqual(["each"], plan.passes())
+            self.assertEqual([self.RUN_1, self.SKIP_2], plan.turns("each"))
+            self.assertEqual(2 * ["192.0.2.5"], self.found(plan))
+        self.assertEqual(self.ASK, calls()[-1])
+
+    def test_before_the_connections_own(self):
+        self.give_address("192.0.2.5/24", "wlan0")
+        self.give_address("203.0.113.2/24")
+        self.connection_on("eth0")
+        plan = self.plan(BOTH_STATIC)
+        self.assertEqual((["each"], [self.RUN_1, self.RUN_2]),
+                         (plan.passes(), plan.turns("each")))
+        self.assertEqual(["203.0.113.2", "198.51.100.2"], self.found(plan))
+        # It is the last one when the connection's address does not count.
+        plan = self.plan_with("192.0.2.50", FirstLocalIp="169.254.7.2",
+                              FirstLocalMask="255.255.0.0")
+        self.assertEqual(["203.0.113.2", "192.0.2.5"], self.found(plan))
+        self.assertEqual(self.SKIP_2, plan.turns("each")[1])
+
+    def test_where_it_makes_no_difference_nobody_asks(self):
+        self.give_address("203.0.113.2/24")
+        self.plan(BOTH_AUTOMATIC | SECOND_STATIC)
+        self.assertEqual([["-g", "connection.uuid", "c", "s", "lan"]], calls())
+
+
 class Uuid(PlanCase):
     PLACEHOLDER = [LOOK_UP, AUTOMATIC.replace(UUID, "UUID-OF-lan"), UP.replace(UUID, "UUID-OF-lan")]
 
@@ -608,7 +654,7 @@ class Effects(PlanCase):
         (BIN / "nmcli").write_text(f"#!/bin/sh\necho {UUID}\n")
         self.give_address("203.0.113.2/24")
 
-    def test_nothing_is_done_but_one_look_up(self):
+    def test_nothing_is_done_but_questions(self):
         for values in (BOTH_STATIC, BOTH_AUTOMATIC | SECOND_STATIC,
                        BOTH_AUTOMATIC | {"FirstServerIp": "server.invalid"},
                        BOTH_STATIC | {"connectionName": "x$(touch /sandbox/tmp/harm)"}):
@@ -616,9 +662,10 @@ class Effects(PlanCase):
                 lines = self.trace(values)
                 programs = executed()
                 look_up = ["-g", "connection.uuid", "c", "s", values["connectionName"]]
+                both_static = values["FirstIsAutomatically"] == "true"
                 # The first is the tool, and the stand-in is a script.
-                self.assertEqual(2, len(programs), programs)
-                self.assertEqual(look_up, programs[1][1:])
+                self.assertEqual([look_up] + both_static * [SecondInterface.ASK],
+                                 [program[1:] for program in programs[1:]])
                 found = [line for line in lines if SANITIZERS not in line and re.search(
                     r"AF_INET|O_WRONLY|O_RDWR|O_CREAT|nl_groups=0*[1-9]"
                     r"| (rename|unlink|mkdir|link|symlink|f?chmod|f?truncate|creat)\w*\("

@@ -108,6 +108,26 @@ class PlanLab(tool.TestCase):
         # The first server accepts at once, so its connection is not activated again.
         self.lab.check_commands(turns["first", 2] + turns["later", 1][:2])
 
+    def test_both_static_and_another_interface_with_an_address(self):
+        """The library takes the other interface's address, and never tries the second network."""
+        run("ip", "link", "add", "wlan0", "type", "veth", "peer", "name", "port9")
+        self.addCleanup(run, "ip", "link", "del", "wlan0")
+        for name in ("port9", "wlan0"):
+            run("ip", "link", "set", name, "up")
+        run("ip", "address", "add", "203.0.113.5/24", "dev", "wlan0")
+        self.lab.configure(static(NET1), static(NET2, ip="203.0.113.50"))
+        _, turns = self.plan()
+        commands = static_commands(self.lab.uuid, static(NET1))
+        expected = {("each", 1): [*commands, commands[-1]], ("each", 2): []}
+        self.assertEqual(expected, turns)
+        app = self.lab.application()
+        app.start()
+        app.expect_log("it is the same net ip adddr", 30)
+        self.assertEqual(expected, self.plan()[1], "the connection is active now")
+        self.start_server(NET1)
+        app.expect_signal(success(NET1))
+        self.assertEqual(turns["each", 1] + commands, app.commands())
+
     def test_it_asks_networkmanager_for_no_change(self):
         before = self.audits()
         for connection in (CONNECTION, ""):

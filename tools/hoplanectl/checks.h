@@ -80,6 +80,8 @@ Findings servers(Situation &situation);
 Findings network(const Situation &situation, int index);
 Findings networks(Situation &situation);
 Findings name(Situation &situation);
+// The static networks that a search always skips because of another interface's address.
+Findings skippedForAnother(const Situation &situation);
 
 // checks_manager.cpp
 Findings nmcli(Situation &situation);

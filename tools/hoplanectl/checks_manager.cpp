@@ -335,6 +335,9 @@ Findings Check::interface(Situation &situation)
     if (!hasCarrier(interface))
         return { Finding::warning(QStringLiteral("%1 has no carrier").arg(interface),
                                   QStringLiteral("plug the cable in at both ends")) };
+    const Findings skipped = skippedForAnother(situation);
+    if (!skipped.isEmpty())
+        return skipped;
     return { Finding::good(QStringLiteral("%1, %2, with a carrier").arg(interface, state)) };
 }
 

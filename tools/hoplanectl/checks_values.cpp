@@ -94,24 +94,38 @@ std::optional<Finding> unreachable(const Situation &situation, int index)
     return std::nullopt;
 }
 
-// The address that the library takes for the device's own: of the last interface that has one.
-QString currentAddress()
+struct DeviceAddress
+{
+    QString address; // empty if there is none
+    QString interface;
+};
+
+// What the library takes for the device's own: the address of the last interface that has one.
+DeviceAddress currentAddress()
 {
     const QNetworkInterface::InterfaceFlags wanted = QNetworkInterface::IsUp
             | QNetworkInterface::IsRunning | QNetworkInterface::CanBroadcast
             | QNetworkInterface::CanMulticast;
-    QString current;
+    DeviceAddress current;
     for (const QNetworkInterface &interface : QNetworkInterface::allInterfaces()) {
         if (interface.flags() != wanted)
             continue;
         for (const QNetworkAddressEntry &entry : interface.addressEntries()) {
             if (!entry.ip().isLoopback() && !entry.ip().isLinkLocal()) {
-                current = entry.ip().toString();
+                current = { entry.ip().toString(), interface.name() };
                 break;
             }
         }
     }
     return current;
+}
+
+bool isBehind(const QString &interface, const QString &other)
+{
+    QStringList names;
+    for (const QNetworkInterface &each : QNetworkInterface::allInterfaces())
+        names.append(each.name());
+    return names.contains(other) && names.indexOf(interface) > names.indexOf(other);
 }
 
 // A device with the address of `own` takes the other network for the one that it is in already.
@@ -159,7 +173,7 @@ Findings bothStatic(const Situation &situation)
         judgeLikeness(situation, index, &found);
         judgeLeftovers(situation, index, &found);
     }
-    const QString current = currentAddress();
+    const QString current = currentAddress().address;
     found.append(Finding::warning(
             QStringLiteral("both networks are static: a device without any address skips both, "
                            "and its search fails after 120 s; now it has %1")
@@ -229,6 +243,28 @@ Findings Check::networks(Situation &situation)
     return { Finding::warning(
             QStringLiteral("both networks are automatic (DHCP), and so the same"),
             situation.set(QStringLiteral("network 2 --address IP/PREFIX --gateway IP"))) };
+}
+
+Findings Check::skippedForAnother(const Situation &situation)
+{
+    Findings found;
+    const auto &networks = situation.settings.networks;
+    if (!networks[0].isStatic || !networks[1].isStatic)
+        return found;
+    const DeviceAddress current = currentAddress();
+    if (!isBehind(current.interface, situation.interface))
+        return found;
+    for (int index : { 0, 1 }) {
+        if (networks[index].ip.contains(current.address))
+            found.append(Finding::fault(
+                    QStringLiteral("the library takes the address %1 of %2 for that of %3, and "
+                                   "skips network %4 (%5) in every pass")
+                            .arg(current.address, current.interface, situation.interface)
+                            .arg(index + 1)
+                            .arg(networks[index].ip),
+                    networkCommand(situation, index, networks[index].ip)));
+    }
+    return found;
 }
 
 Findings Check::name(Situation &situation)

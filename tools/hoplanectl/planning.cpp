@@ -7,6 +7,7 @@
 
 #include <QFileInfo>
 #include <QHostAddress>
+#include <QNetworkInterface>
 #include <QRegularExpression>
 
 #include <networkswitchworker.h>
@@ -199,14 +200,58 @@ Turn playTurn(const Plan &plan, int network, bool (NetworkSwitchWorker::*connect
     return turn;
 }
 
-// What the library finds on a device that has the address: nothing if it does not count it.
-QString foundAddress(const QString &ip)
+// The address that the library finds on these interfaces.
+QString addressOn(const QList<QNetworkInterface> &interfaces)
 {
+    Rehearsal::setInterfaces(interfaces);
+    QString address;
+    Rehearsal::play([&](NetworkSwitchWorker &worker) { address = worker.getIPAddress(); });
+    return address;
+}
+
+// The interface that the connection is active on, or that its profile names.
+QString interfaceOf(const QString &uuid)
+{
+    const Nmcli::Answer answer = Nmcli::ask(
+            { QStringLiteral("-g"), QStringLiteral("connection.interface-name,GENERAL.DEVICES"),
+              QStringLiteral("connection"), QStringLiteral("show"), QStringLiteral("uuid"), uuid });
+    QString name;
+    for (const QStringList &row : answer.rows) {
+        if (!row.value(0).isEmpty())
+            name = row.value(0);
+    }
+    return name;
+}
+
+// The library takes the address of the last interface that has one, whichever a search changes.
+void findOtherAddresses(Plan *plan)
+{
+    constexpr int loopbackAndOne = 2;
+    const QList<QNetworkInterface> interfaces = QNetworkInterface::allInterfaces();
+    const auto &networks = plan->settings.networks;
+    if (interfaces.size() <= loopbackAndOne || !networks[0].isStatic || !networks[1].isStatic
+        || plan->lookUp.uuid.isEmpty() || !plan->lookUp.placeholderFor.isEmpty())
+        return;
+    const QString name = interfaceOf(plan->lookUp.uuid);
+    for (int index = 0; index < interfaces.size(); ++index) {
+        if (interfaces[index].name() == name) {
+            plan->addressBefore = addressOn(interfaces.mid(0, index));
+            plan->addressBehind = addressOn(interfaces.mid(index + 1));
+        }
+    }
+    Rehearsal::setInterfaces(interfaces);
+}
+
+// What the library finds once the connection has the address, which it may not count.
+QString foundAddress(const Plan &plan, const QString &ip)
+{
+    if (!plan.addressBehind.isEmpty())
+        return plan.addressBehind;
     bool counts = false;
     Rehearsal::play([&](NetworkSwitchWorker &worker) {
         counts = worker.filterInvalidIP(QHostAddress(ip));
     });
-    return counts ? ip : QString();
+    return counts ? ip : plan.addressBefore;
 }
 
 // Both networks in the order of their tries. Afterwards the device is where that takes it.
@@ -221,7 +266,7 @@ Pass playPass(const Plan &plan, Pass::When when)
         const NetworkSettings &settings = plan.settings.networks[network];
         const bool isApplied = !pass.turns.last().skipped && !plan.lookUp.uuid.isEmpty();
         if (isApplied && settings.isStatic)
-            Rehearsal::setDeviceAddress(foundAddress(settings.ip));
+            Rehearsal::setDeviceAddress(foundAddress(plan, settings.ip));
     }
     return pass;
 }
@@ -309,7 +354,7 @@ Purpose Plan::purposeOf(const Step &step) const
 
 Plan make(const QString &path)
 {
-    Plan plan{ Settings::read(path), {}, Processor::name(), false, {}, {}, {} };
+    Plan plan{ Settings::read(path), {}, Processor::name(), false, {}, {}, {}, {}, {} };
     const QString unusable = Configuration::unusable(path);
     if (!plan.settings.enabled)
         plan.idleBecause = unusable.isEmpty() ? QStringLiteral("switching is off") : unusable;
@@ -319,6 +364,7 @@ Plan make(const QString &path)
             + shellWarnings({ connection }, nameEnds())
             + shellWarnings({ plan.lookUp.uuid }, shellCharacters);
     plan.exchanged = isExchanged(plan.settings);
+    findOtherAddresses(&plan);
     playPasses(&plan);
     return plan;
 }

@@ -58,6 +58,9 @@ struct Plan
     QString processor;
     bool exchanged; // against the file's order
     LookUp lookUp;
+    // That the library finds on the interfaces before and behind the connection's.
+    QString addressBefore;
+    QString addressBehind;
     QVector<Pass> passes;
     QStringList warnings;
 

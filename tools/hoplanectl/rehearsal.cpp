@@ -5,6 +5,7 @@
 #include <QHash>
 #include <QLoggingCategory>
 #include <QMutex>
+#include <QNetworkInterface>
 #include <QThread>
 
 #include <caddresswatcher.h>
@@ -33,6 +34,7 @@ struct State
     Rehearsal::Account account;
     QHash<QString, QByteArray> answers;
     std::optional<QString> deviceAddress;
+    std::optional<QList<QNetworkInterface>> interfaces;
 };
 
 State &state()
@@ -99,6 +101,12 @@ void Rehearsal::setDeviceAddress(const QString &address)
 {
     const QMutexLocker locker(&state().mutex);
     state().deviceAddress = address;
+}
+
+void Rehearsal::setInterfaces(const QList<QNetworkInterface> &interfaces)
+{
+    const QMutexLocker locker(&state().mutex);
+    state().interfaces = interfaces;
 }
 
 Rehearsal::Account Rehearsal::play(const std::function<void(NetworkSwitchWorker &)> &part)
@@ -180,6 +188,16 @@ void QThread::start(Priority priority)
 {
     if (!rehearsing || !qobject_cast<CAddressWatcher *>(this))
         real<void (*)(QThread *, Priority)>("_ZN7QThread5startENS_8PriorityE")(this, priority);
+}
+
+QList<QNetworkInterface> QNetworkInterface::allInterfaces()
+{
+    {
+        const QMutexLocker locker(&state().mutex);
+        if (rehearsing && state().interfaces)
+            return *state().interfaces;
+    }
+    return real<QList<QNetworkInterface> (*)()>("_ZN17QNetworkInterface13allInterfacesEv")();
 }
 
 // The library's own, and the one question of it that a rehearsal answers: where the device is.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QList>
 #include <QString>
 #include <QStringList>
 #include <QVector>
@@ -9,6 +10,7 @@
 #include <functional>
 
 class NetworkSwitchWorker;
+class QNetworkInterface;
 
 // Has the library do its work without any effect. From the first play() on, until the process ends,
 // what the library calls below itself only writes down what it was asked for and answers at once:
@@ -38,6 +40,9 @@ void setAnswer(const QString &command, const QByteArray &output);
 
 // The address that the library finds on the device, instead of the real one.
 void setDeviceAddress(const QString &address);
+
+// The interfaces that the library finds on the device, instead of the real ones.
+void setInterfaces(const QList<QNetworkInterface> &interfaces);
 
 // Calls `part` with a worker that has loaded the configuration.
 Account play(const std::function<void(NetworkSwitchWorker &worker)> &part);
