@@ -36,7 +36,7 @@ SECOND_STATIC = {"SecondIsAutomatically": "true", "SecondLocalIp": "10.2.0.2",
                  "SecondPreferredDNS": "10.2.0.53"}
 
 # What a NetworkManager answers where all is good: (output, exit status).
-RUNNING = "-t -f RUNNING,VERSION general"
+RUNNING = "-t -f RUNNING,VERSION,STATE general"
 LIST = "-t -f NAME,UUID,TYPE,DEVICE connection show"
 NAMED = "-g connection.uuid connection show lan"
 DEVICES = "-t -f DEVICE,TYPE,STATE device status"
@@ -49,7 +49,7 @@ LAN = f"lan:{UUID}:802-3-ethernet:lo"
 # The loopback interface plays the wired one: it has a carrier.
 ANSWERS = {
     "--version": ("nmcli tool, version 1.42.4", 0), OPTION: ("nmcli tool, version 1.42.4", 0),
-    RUNNING: ("running:1.42.4", 0), LIST: (LAN, 0), NAMED: (UUID, 0), INTERFACE: ("lo", 0),
+    RUNNING: ("running:1.42.4:connected", 0), LIST: (LAN, 0), NAMED: (UUID, 0), INTERFACE: ("lo", 0),
     DEVICES: ("lo:ethernet:connected", 0), FILES: (f"{UUID}:{PROFILE}", 0), USERS: ("", 0),
     PERMISSIONS: (f"{PERMISSION}network-control:yes\n{PERMISSION}settings.modify.own:yes\n"
                   f"{PERMISSION}settings.modify.system:yes", 0)}
@@ -631,6 +631,12 @@ class Manager(Case):
             nmcli({RUNNING: (answer, 0)})
             self.expect_findings(self.trouble(fault("NetworkManager is not running"),
                                               "NetworkManager is not running"))
+
+    def test_networking_is_off(self):
+        nmcli({RUNNING: ("running:1.42.4:asleep", 0)})
+        self.expect_findings(self.trouble(
+            fault("networking is switched off: NetworkManager leaves all interfaces alone",
+                  "nmcli networking on"), "networking is switched off"))
 
     def test_silent(self):
         for end in ("exec /bin/sleep 300", "exec >&- 2>&-; exec /bin/sleep 300"):

@@ -169,6 +169,17 @@ class Manager(LaboratoryCase):
                    "NetworkManager goes on")
         self.expect_findings({})
 
+    def test_networking_is_off(self):
+        self.raise_laboratory()
+        run("nmcli", "networking", "off")
+        off = fault("networking is switched off: ", "nmcli networking on")
+        self.expect_trouble(off, "networking is switched off")
+        # What helps an unmanaged interface does not help here.
+        run("nmcli", "device", "set", "eth0", "managed", "yes")
+        self.expect_trouble(off, "networking is switched off")
+        run("nmcli", "networking", "on")
+        self.expect_findings({})
+
     def test_no_bus(self):
         self.raise_laboratory()
         os.environ["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=/sandbox/no-bus"

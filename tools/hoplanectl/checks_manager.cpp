@@ -273,7 +273,7 @@ Findings Check::manager(Situation &situation)
         return { Finding::notJudged(situation.managerTrouble) };
     }
     const Answer answer =
-            Nmcli::list(QStringLiteral("RUNNING,VERSION"), { QStringLiteral("general") });
+            Nmcli::list(QStringLiteral("RUNNING,VERSION,STATE"), { QStringLiteral("general") });
     if (answer.outcome == Answer::Silent) {
         situation.managerTrouble = QStringLiteral("NetworkManager does not answer");
         return { unanswered(answer) };
@@ -286,6 +286,14 @@ Findings Check::manager(Situation &situation)
                                      : situation.managerTrouble + QStringLiteral(": ")
                                                 + answer.message,
                                 QStringLiteral("systemctl enable --now NetworkManager")) };
+    }
+    // Then each interface is unmanaged, whatever is set for it.
+    if (answer.rows.first().value(2) == QLatin1String("asleep")) {
+        situation.managerTrouble = QStringLiteral("networking is switched off");
+        return { Finding::fault(situation.managerTrouble
+                                        + QStringLiteral(": NetworkManager leaves all interfaces "
+                                                         "alone"),
+                                QStringLiteral("nmcli networking on")) };
     }
     const QString version = answer.rows.first().value(1);
     if (version != situation.nmcliVersion)
