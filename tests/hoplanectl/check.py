@@ -44,12 +44,16 @@ FILES = "-t -f UUID,FILENAME connection show"
 PERMISSIONS = "-t -f PERMISSION,VALUE general permissions"
 INTERFACE = f"-g connection.interface-name connection show uuid {UUID}"
 USERS = f"-g connection.permissions connection show uuid {UUID}"
+ADAPTER = f"-g 802-3-ethernet.mac-address connection show uuid {UUID}"
+BRIDGE = f"-g connection.master connection show uuid {UUID}"
+NO_DEFAULT = f"-g ipv4.never-default connection show uuid {UUID}"
 OPTION = "-g connection.uuid --version"
 LAN = f"lan:{UUID}:802-3-ethernet:lo"
 # The loopback interface plays the wired one: it has a carrier.
 ANSWERS = {
     "--version": ("nmcli tool, version 1.42.4", 0), OPTION: ("nmcli tool, version 1.42.4", 0),
-    RUNNING: ("running:1.42.4:connected", 0), LIST: (LAN, 0), NAMED: (UUID, 0), INTERFACE: ("lo", 0),
+    RUNNING: ("running:1.42.4:connected", 0), LIST: (LAN, 0), NAMED: (UUID, 0),
+    INTERFACE: ("lo", 0), ADAPTER: ("", 0), BRIDGE: ("", 0), NO_DEFAULT: ("no", 0),
     DEVICES: ("lo:ethernet:connected", 0), FILES: (f"{UUID}:{PROFILE}", 0), USERS: ("", 0),
     PERMISSIONS: (f"{PERMISSION}network-control:yes\n{PERMISSION}settings.modify.own:yes\n"
                   f"{PERMISSION}settings.modify.system:yes", 0)}
@@ -346,6 +350,21 @@ class File(Case):
                     f'SwitchEnable="{word}": the library takes this for true',
                     SETTING + "enabled on")})
 
+    def test_repeated(self):
+        """The library takes the last one."""
+        for last, enabled in (("SwitchEnable=true", good("switching is on")),
+                              ("SwitchEnable = false", warning("switching is off"))):
+            path = write(APP, GOOD)
+            with path.open("a", encoding="utf-8") as file:
+                file.write(f"{last}\n[Other]\nFirstServerIp=10.9.9.9\n")
+            self.expect_findings({"enabled": enabled, "keys": [
+                warning('"Other/FirstServerIp": the library looks into the group'),
+                warning("the key SwitchEnable: several times in the file, and the library takes "
+                        "the last", f"lines of {path} but the last")]})
+        path = write(APP, GOOD)
+        path.write_text("SwitchEnable=false\n" + path.read_text("utf-8"), encoding="utf-8")
+        self.expect_findings({"keys": warning("the key SwitchEnable: several times")})
+
     def test_wrong_group(self):
         lines = [f"{key}={value}" for key, value in GOOD.items()]
         path_of(APP).write_text("\n".join([*lines[:16], "[Dns]", *lines[16:], ""]),
@@ -499,6 +518,14 @@ class Values(Case):
             ({"FirstServerIp": "10.1.0.2"}, {"network-1": fault(
                 "10.1.0.2 is the server's address, and here the device's own",
                 static + "IP/24" + rest)}),
+            ({"FirstServerIp": "10.1.0.255"}, {"network-1": fault(
+                "no server has the address 10.1.0.255: in this network it is the broadcast",
+                SETTING + "server 1 IP:9000")}),
+            ({"FirstServerIp": "10.1.0.0"}, {"network-1": fault(
+                "no server has the address 10.1.0.0: in this network it is that of the network")}),
+            ({"FirstServerIp": "10.9.0.255"}, {}),
+            ({"FirstServerIp": "10.1.0.3", "FirstLocalMask": "255.255.255.254",
+              "FirstLocalGateWay": ""}, {}),
             # Two networks.
             ({"FirstIsAutomatically": "false"}, {"networks": warning(
                 "both networks are automatic (DHCP), and so the same",

@@ -9,6 +9,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QHash>
 
 #include <grp.h>
 #include <pwd.h>
@@ -178,6 +179,33 @@ void judgeStrangers(const Situation &situation, const QVector<RawValue> &values,
                                          .arg(situation.path)));
 }
 
+// Keys that stand there several times, of which the library takes the last one.
+void judgeRepeated(const Situation &situation, const QVector<RawValue> &values, Findings *found)
+{
+    QFile file(situation.path);
+    QHash<QString, int> counts;
+    bool general = true; // as the file begins without any group
+    const QByteArray bytes = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    for (const QByteArray &whole : bytes.split('\n')) {
+        const QByteArray line = whole.trimmed();
+        if (line.startsWith('['))
+            general = line.toLower() == "[general]";
+        else if (general)
+            ++counts[QString::fromUtf8(line.left(line.indexOf('=')).trimmed())];
+    }
+    QStringList repeated;
+    for (const RawValue &raw : values) {
+        if (counts.value(raw.key) > 1)
+            repeated.append(raw.key);
+    }
+    if (!repeated.isEmpty())
+        found->append(Finding::warning(
+                QStringLiteral("%1: several times in the file, and the library takes the last")
+                        .arg(counted(repeated)),
+                QStringLiteral("remove all of these lines of %1 but the last")
+                        .arg(situation.path)));
+}
+
 QString nameOfUser(uid_t id)
 {
     const passwd *const entry = getpwuid(id);
@@ -280,6 +308,7 @@ Findings Check::keys(Situation &situation)
     Findings found;
     judgeValues(situation, values, &found);
     judgeStrangers(situation, values, &found);
+    judgeRepeated(situation, values, &found);
     if (found.isEmpty())
         found.append(Finding::good(QStringLiteral("all %1 are there").arg(values.size())));
     return found;

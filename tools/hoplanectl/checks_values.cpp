@@ -84,7 +84,18 @@ std::optional<Finding> unreachable(const Situation &situation, int index)
                         .arg(network.ip),
                 networkCommand(situation, index, network.ip));
     const quint32 mask = *Values::bits(network.mask);
-    if (network.gateway.isEmpty() && (*server & mask) != (*Values::bits(network.ip) & mask))
+    const bool isNear = (*server & mask) == (*Values::bits(network.ip) & mask);
+    const quint32 host = *server & ~mask;
+    // A network of one or two addresses has none for itself.
+    if (isNear && ~mask > 1 && (host == 0 || host == ~mask))
+        return Finding::fault(
+                QStringLiteral("no server has the address %1: in this network it is %2")
+                        .arg(network.serverIp,
+                             host == 0 ? QStringLiteral("that of the network itself")
+                                       : QStringLiteral("the broadcast address")),
+                situation.set(
+                        QStringLiteral("server %1 IP:%2").arg(index + 1).arg(network.serverPort)));
+    if (network.gateway.isEmpty() && !isNear)
         return Finding::fault(
                 QStringLiteral("the server %1 is outside the network of %2/%3, and there is no "
                                "gateway")
