@@ -2,6 +2,7 @@
 """What `check` finds, without a network: provoked by the file, by PATH, by permissions, by the
 environment, and by a stand-in for nmcli."""
 
+import contextlib
 import grp
 import os
 import pathlib
@@ -101,6 +102,14 @@ def add_interface(case, name, address):
     laboratory.wait_until(
         lambda: pathlib.Path(f"/sys/class/net/{name}/operstate").read_text("ascii") == "up\n", 10,
         f"{name} is up")
+
+
+def fill(folder):
+    """Leaves no room on the folder's file system."""
+    subprocess.run(["mount", "-o", "remount,rw,size=64k", folder], check=True)
+    with contextlib.suppress(OSError), open(folder / "filler", "wb", buffering=0) as file:
+        while True:
+            file.write(bytes(4096))
 
 
 class Case(CheckCase):
@@ -349,6 +358,24 @@ class File(Case):
                 self.expect_findings({"keys": warning(
                     f'SwitchEnable="{word}": the library takes this for true',
                     SETTING + "enabled on")})
+
+    def test_nothing_can_be_written(self):
+        folder = path_of(APP).parent
+        lost = "what the application saves or imports is lost, and nothing can be set"
+        subprocess.run(["mount", "-t", "tmpfs", "tmpfs", folder], check=True)
+        try:
+            write(APP, GOOD)
+            self.expect_findings({})
+            fill(folder)
+            self.expect_findings({"file": fault(f"{folder} is on a full disk: {lost}", "delete")})
+            self.assertEqual(1, tool.tool("set", "enabled", "off").status)
+            (folder / "filler").unlink()
+            self.expect_findings({})
+            subprocess.run(["mount", "-o", "remount,ro", folder], check=True)
+            self.expect_findings({"file": fault(f"{folder} is on a read-only file system: {lost}",
+                                                "mount -o remount,rw")})
+        finally:
+            subprocess.run(["umount", folder], check=True)
 
     def test_repeated(self):
         """The library takes the last one."""
@@ -791,9 +818,37 @@ class TheConnection(Case):
     def test_carrier(self):
         subprocess.run(["ip", "link", "set", "lo", "down"], check=True)
         try:
-            self.expect_findings({"interface": warning("lo has no carrier", "plug the cable in")})
+            self.expect_findings({"interface": warning("lo is down", "ip link set lo up")})
         finally:
             subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+
+    def test_no_carrier(self):
+        add_interface(self, "eth9", "10.9.0.9/24")
+        subprocess.run(["ip", "link", "set", "port0", "down"], check=True)
+        nmcli({LIST: (LAN[:-2] + "eth9", 0), DEVICES: ("eth9:ethernet:unavailable", 0)})
+        self.expect_findings({"interface": warning("eth9 has no carrier", "plug the cable in")})
+
+    def test_hardware_address(self):
+        idle, own, other = (LAN[:-2], 0), "00:00:00:00:00:00", r"02\:00\:00\:00\:00\:0A"
+        for answers, finding in (
+                ({LIST: idle, ADAPTER: (own.replace(":", r"\:"), 0)}, good("lo, connected")),
+                ({LIST: idle, ADAPTER: (other, 0)}, fault(
+                    f"the profile is for the hardware address 02:00:00:00:00:0A, and lo has {own}",
+                    f"nmcli connection modify uuid {UUID} 802-3-ethernet.mac-address ''")),
+                # Where it is active it does fit, whatever the address is now.
+                ({ADAPTER: (other, 0)}, good("lo, connected"))):
+            nmcli(answers)
+            self.expect_findings({"interface": finding})
+
+    def test_bad_profile(self):
+        modify = f"nmcli connection modify uuid {UUID} "
+        for answers, finding in (
+                ({BRIDGE: ("br0", 0)}, fault(
+                    "is a port of br0", modify + "connection.master '' connection.slave-type ''")),
+                ({NO_DEFAULT: ("yes", 0)}, warning(
+                    "never uses a gateway", modify + "ipv4.never-default no"))):
+            nmcli(answers)
+            self.expect_findings({"profile": finding})
 
     def test_another_interface(self):
         """The library takes the address of the last interface; the connection's is the first."""
@@ -836,6 +891,9 @@ class TheConnection(Case):
                 nmcli({FILES: (f"{UUID}:{read_only}/{name}", 0)})
                 self.expect_findings({"profile": fault(
                     f"{read_only} is on a read-only file system", "mount -o remount,rw")})
+            fill(read_only)
+            self.expect_findings({"profile": fault(
+                f"{read_only} is on a full disk: NetworkManager refuses each change", "delete")})
         finally:
             subprocess.run(["umount", read_only], check=True)
 

@@ -67,6 +67,9 @@ QString shown(const QString &text);
 QString quoted(const QString &word);
 // The name of the user whom the check runs as.
 QString user();
+// What keeps files in the folder from being written, with what comes of it; nothing if nothing
+// does.
+std::optional<Finding> unwritable(const QString &folder, const QString &consequence);
 
 // checks_file.cpp
 Findings file(Situation &situation);

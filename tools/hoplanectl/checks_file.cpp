@@ -14,6 +14,7 @@
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace {
@@ -270,6 +271,25 @@ void addWay(const QString &path, QStringList *way)
 
 } // namespace
 
+std::optional<Finding> Check::unwritable(const QString &folder, const QString &consequence)
+{
+    struct statvfs state = {};
+    if (statvfs(QFile::encodeName(folder).constData(), &state) != 0)
+        return std::nullopt;
+    if ((state.f_flag & ST_RDONLY) != 0)
+        return Finding::fault(
+                QStringLiteral("%1 is on a read-only file system: %2").arg(folder, consequence),
+                QStringLiteral("mount -o remount,rw $(findmnt -n -o TARGET -T %1)")
+                        .arg(quoted(folder)));
+    // Some file systems do not count their files.
+    if (state.f_bavail == 0 || (state.f_files != 0 && state.f_favail == 0))
+        return Finding::fault(QStringLiteral("%1 is on a full disk: %2").arg(folder, consequence),
+                              QStringLiteral("delete what is not needed in $(findmnt -n -o TARGET "
+                                             "-T %1)")
+                                      .arg(quoted(folder)));
+    return std::nullopt;
+}
+
 Findings Check::file(Situation &situation)
 {
     if (situation.path.isEmpty())
@@ -297,6 +317,12 @@ Findings Check::file(Situation &situation)
                 QStringLiteral("%1 has bytes that are no UTF-8, which the library replaces")
                         .arg(situation.path),
                 QStringLiteral("correct %1 with an editor").arg(situation.path)));
+    const QString folder = QFileInfo(QFileInfo(situation.path).canonicalFilePath()).path();
+    if (const std::optional<Finding> finding = unwritable(
+                folder,
+                QStringLiteral("what the application saves or imports is lost, and nothing can be "
+                               "set")))
+        found.append(*finding);
     if (found.isEmpty())
         found.append(Finding::good(situation.path));
     return found;

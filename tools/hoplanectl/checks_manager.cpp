@@ -9,8 +9,6 @@
 #include <QFileInfo>
 #include <QStandardPaths>
 
-#include <sys/statvfs.h>
-
 namespace {
 
 using Nmcli::Answer;
@@ -177,12 +175,56 @@ std::optional<Finding> findInterface(Situation *situation, const Answer &devices
     return std::nullopt;
 }
 
-// Not of NetworkManager, which tells it later.
-bool hasCarrier(const QString &interface)
+// Whether the profile is for another network adapter; of an active one nobody needs to ask.
+std::optional<Finding> forAnotherAdapter(const Situation &situation)
+{
+    const Connection &connection = *situation.connection;
+    const QString wanted = property(connection, QStringLiteral("802-3-ethernet.mac-address"));
+    QFile address(QStringLiteral("/sys/class/net/%1/address").arg(situation.interface));
+    if (!connection.device.isEmpty() || wanted.isEmpty() || !address.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QString own = QString::fromLatin1(address.readAll().trimmed());
+    if (wanted.compare(own, Qt::CaseInsensitive) == 0)
+        return std::nullopt;
+    return Finding::fault(
+            QStringLiteral("the profile is for the hardware address %1, and %2 has %3")
+                    .arg(wanted, situation.interface, own),
+            QStringLiteral("nmcli connection modify uuid %1 802-3-ethernet.mac-address ''")
+                    .arg(connection.uuid));
+}
+
+// Whether a cable can be noticed and is. Not of NetworkManager, which tells it later.
+std::optional<Finding> withoutCarrier(const QString &interface)
 {
     QFile carrier(QStringLiteral("/sys/class/net/%1/carrier").arg(interface));
-    // An interface that is down cannot be read.
-    return carrier.open(QIODevice::ReadOnly) && carrier.readAll().trimmed() == "1";
+    // Of an interface that is down it cannot be read.
+    const QByteArray state =
+            carrier.open(QIODevice::ReadOnly) ? carrier.readAll().trimmed() : QByteArray();
+    if (state.isEmpty())
+        return Finding::warning(QStringLiteral("%1 is down").arg(interface),
+                                QStringLiteral("ip link set %1 up").arg(interface));
+    if (state != "1")
+        return Finding::warning(QStringLiteral("%1 has no carrier").arg(interface),
+                                QStringLiteral("plug the cable in at both ends"));
+    return std::nullopt;
+}
+
+// What in the profile keeps the addressing from being applied, or from being of use.
+std::optional<Finding> badProfile(const Situation &situation)
+{
+    const Connection &connection = *situation.connection;
+    const QString modify = QStringLiteral("nmcli connection modify uuid %1 ").arg(connection.uuid);
+    const QString port = property(connection, QStringLiteral("connection.master"));
+    if (!port.isEmpty())
+        return Finding::fault(
+                QStringLiteral("the connection is a port of %1 and has no addressing of its own")
+                        .arg(port),
+                modify + QStringLiteral("connection.master '' connection.slave-type ''"));
+    if (property(connection, QStringLiteral("ipv4.never-default")) == QLatin1String("yes"))
+        return Finding::warning(
+                QStringLiteral("the profile never uses a gateway (ipv4.never-default)"),
+                modify + QStringLiteral("ipv4.never-default no"));
+    return std::nullopt;
 }
 
 // The folder that a change of the profile is stored in, or the nearest one there is.
@@ -194,13 +236,6 @@ QString storedIn(const QString &fileName)
     while (!QFileInfo::exists(folder))
         folder = QFileInfo(folder).path();
     return folder;
-}
-
-bool isReadOnly(const QString &folder)
-{
-    struct statvfs state = {};
-    return statvfs(QFile::encodeName(folder).constData(), &state) == 0
-            && (state.f_flag & ST_RDONLY) != 0;
 }
 
 // As root writes it; it allows what is needed and nothing else.
@@ -340,9 +375,10 @@ Findings Check::interface(Situation &situation)
         return { Finding::fault(
                 QStringLiteral("NetworkManager leaves %1 alone (unmanaged)").arg(interface),
                 QStringLiteral("nmcli device set %1 managed yes").arg(interface)) };
-    if (!hasCarrier(interface))
-        return { Finding::warning(QStringLiteral("%1 has no carrier").arg(interface),
-                                  QStringLiteral("plug the cable in at both ends")) };
+    if (const std::optional<Finding> finding = forAnotherAdapter(situation))
+        return { *finding };
+    if (const std::optional<Finding> finding = withoutCarrier(interface))
+        return { *finding };
     const Findings skipped = skippedForAnother(situation);
     if (!skipped.isEmpty())
         return skipped;
@@ -362,13 +398,12 @@ Findings Check::profile(Situation &situation)
         if (row.value(0) == situation.connection->uuid)
             fileName = row.value(1);
     }
-    const QString folder = storedIn(fileName);
-    if (isReadOnly(folder))
-        return { Finding::fault(
-                QStringLiteral("%1 is on a read-only file system: NetworkManager refuses each "
-                               "change of the addressing")
-                        .arg(folder),
-                QStringLiteral("mount -o remount,rw $(findmnt -n -o TARGET -T %1)").arg(folder)) };
+    if (const std::optional<Finding> finding =
+                unwritable(storedIn(fileName),
+                           QStringLiteral("NetworkManager refuses each change of the addressing")))
+        return { *finding };
+    if (const std::optional<Finding> finding = badProfile(situation))
+        return { *finding };
     if (fileName.isEmpty() || fileName.startsWith(QLatin1String("/run/")))
         return { Finding::warning(
                 QStringLiteral("the profile is gone after a restart of the device: it is in %1")
