@@ -47,6 +47,7 @@ INTERFACE = f"-g connection.interface-name connection show uuid {UUID}"
 USERS = f"-g connection.permissions connection show uuid {UUID}"
 ADAPTER = f"-g 802-3-ethernet.mac-address connection show uuid {UUID}"
 BRIDGE = f"-g connection.master connection show uuid {UUID}"
+ITSELF = f"-g connection.autoconnect connection show uuid {UUID}"
 NO_DEFAULT = f"-g ipv4.never-default connection show uuid {UUID}"
 OPTION = "-g connection.uuid --version"
 LAN = f"lan:{UUID}:802-3-ethernet:lo"
@@ -54,7 +55,8 @@ LAN = f"lan:{UUID}:802-3-ethernet:lo"
 ANSWERS = {
     "--version": ("nmcli tool, version 1.42.4", 0), OPTION: ("nmcli tool, version 1.42.4", 0),
     RUNNING: ("running:1.42.4:connected", 0), LIST: (LAN, 0), NAMED: (UUID, 0),
-    INTERFACE: ("lo", 0), ADAPTER: ("", 0), BRIDGE: ("", 0), NO_DEFAULT: ("no", 0),
+    INTERFACE: ("lo", 0), ADAPTER: ("", 0), BRIDGE: ("", 0), ITSELF: ("yes", 0),
+    NO_DEFAULT: ("no", 0),
     DEVICES: ("lo:ethernet:connected", 0), FILES: (f"{UUID}:{PROFILE}", 0), USERS: ("", 0),
     PERMISSIONS: (f"{PERMISSION}network-control:yes\n{PERMISSION}settings.modify.own:yes\n"
                   f"{PERMISSION}settings.modify.system:yes", 0)}
@@ -72,7 +74,7 @@ WITHOUT_CONNECTION = {"interface": NO_CONNECTION, "profile": NO_CONNECTION}
 SETTING = "hoplanectl set "
 SPINS = warning("both networks are static: a device without any address skips both, and its search "
                 "fails after 120 s; now it has none",
-                "nmcli connection modify lan connection.autoconnect yes")
+                "nmcli connection modify lan connection.autoconnect yes; nmcli connection up lan")
 
 
 def nmcli(changes=None, missing=()):
@@ -92,13 +94,15 @@ def nmcli(changes=None, missing=()):
     (BIN / "nmcli").chmod(0o755)
 
 
-def add_interface(case, name, address):
-    """One that the library looks at."""
-    for command in (["link", "add", name, "type", "veth", "peer", "name", "port0"],
+def add_interface(clean_up, name, address):
+    """One that the library looks at; its other end is NAME-port. It goes when clean_up's time has
+    come."""
+    peer = f"{name}-port"
+    for command in (["link", "add", name, "type", "veth", "peer", "name", peer],
                     ["address", "add", address, "dev", name],
-                    ["link", "set", "port0", "up"], ["link", "set", name, "up"]):
+                    ["link", "set", peer, "up"], ["link", "set", name, "up"]):
         subprocess.run(["ip", *command], check=True)
-    case.addCleanup(subprocess.run, ["ip", "link", "del", name], check=True)
+    clean_up(subprocess.run, ["ip", "link", "del", name], check=True)
     laboratory.wait_until(
         lambda: pathlib.Path(f"/sys/class/net/{name}/operstate").read_text("ascii") == "up\n", 10,
         f"{name} is up")
@@ -598,6 +602,38 @@ class Values(Case):
                 write(APP, GOOD | changes)
                 self.expect_findings(expected)
 
+    def test_both_static_and_an_address(self):
+        add_interface(self.addCleanup, "eth9", "10.9.0.9/24")
+        write(APP, GOOD | SECOND_STATIC)
+        nmcli({LIST: (LAN[:-2] + "eth9", 0), DEVICES: ("eth9:ethernet:connected", 0)})
+        result = self.expect_findings({"networks": good(
+            "both are static, and the device has an address now, 10.9.0.9: a search")})
+        self.assertEqual(result.status, 0)
+        # What is wrong besides is told alone.
+        write(APP, GOOD | SECOND_STATIC | {"SecondLocalGateWay": ""})
+        self.expect_findings({"networks": warning("network 2 has no gateway")})
+
+    def test_current_address(self):
+        """As the library finds it: of the last interface of all that broadcast, and no
+        link-local one."""
+        write(APP, GOOD | SECOND_STATIC)
+        for addresses, more, found in (
+                ({"eth8": "10.9.0.8/24", "eth9": "10.9.0.9/24"}, [], "10.9.0.9"),
+                ({"eth9": "10.9.0.9/24", "eth8": "10.9.0.8/24"}, [], "10.9.0.8"),
+                ({"eth9": "169.254.0.9/16"}, [], None),
+                ({"eth8": "10.9.0.8/24", "eth9": "169.254.0.9/16"}, [], "10.9.0.8"),
+                ({"eth9": "10.9.0.9/24"}, ["multicast", "off"], None),
+                ({"eth9": "10.9.0.9/24"}, ["down"], None)):
+            with self.subTest(addresses=addresses, more=more), contextlib.ExitStack() as stack:
+                for name, address in addresses.items():
+                    add_interface(stack.callback, name, address)
+                if more:
+                    subprocess.run(["ip", "link", "set", list(addresses)[-1], *more], check=True)
+                result = self.run_check("check", "--json")
+                expected = good(f"address now, {found}: ") if found else SPINS
+                self.compare_item("networks", [expected], [
+                    row for row in result.objects if row.get("item") == "networks"], result)
+
     def test_remedy_names_the_application(self):
         write("two words", GOOD | {"SwitchEnable": "false"})
         self.expect_findings({"enabled": warning(
@@ -823,8 +859,8 @@ class TheConnection(Case):
             subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
 
     def test_no_carrier(self):
-        add_interface(self, "eth9", "10.9.0.9/24")
-        subprocess.run(["ip", "link", "set", "port0", "down"], check=True)
+        add_interface(self.addCleanup, "eth9", "10.9.0.9/24")
+        subprocess.run(["ip", "link", "set", "eth9-port", "down"], check=True)
         nmcli({LIST: (LAN[:-2] + "eth9", 0), DEVICES: ("eth9:ethernet:unavailable", 0)})
         self.expect_findings({"interface": warning("eth9 has no carrier", "plug the cable in")})
 
@@ -845,14 +881,20 @@ class TheConnection(Case):
         for answers, finding in (
                 ({BRIDGE: ("br0", 0)}, fault(
                     "is a port of br0", modify + "connection.master '' connection.slave-type ''")),
+                ({ITSELF: ("no", 0)}, good(PROFILE)),
                 ({NO_DEFAULT: ("yes", 0)}, warning(
                     "never uses a gateway", modify + "ipv4.never-default no"))):
             nmcli(answers)
             self.expect_findings({"profile": finding})
+        write(APP, GOOD | SECOND_STATIC)
+        nmcli({ITSELF: ("no", 0)})
+        self.expect_findings({"networks": SPINS, "profile": warning(
+            "the connection is not activated by itself: a device that starts without any address",
+            modify + "connection.autoconnect yes")})
 
     def test_another_interface(self):
         """The library takes the address of the last interface; the connection's is the first."""
-        add_interface(self, "wlan0", "10.2.0.2/24")
+        add_interface(self.addCleanup, "wlan0", "10.2.0.2/24")
         skipped = "takes the address 10.2.0.2 of wlan0 for that of lo, and skips network "
         for changes, finding in (
                 ({}, fault(skipped + "2 (10.2.0.2) in", SETTING + "network 2 --address IP/24")),

@@ -270,6 +270,19 @@ class Interface(LaboratoryCase):
         run("nmcli", "device", "set", "eth0", "managed", "yes")
         self.expect_findings({})
 
+    def test_another_hardware_address(self):
+        self.raise_laboratory()
+        run("nmcli", "connection", "modify", CONNECTION, "802-3-ethernet.mac-address",
+            "02:00:00:00:00:0A")
+        # NetworkManager refuses indeed.
+        self.assertIn("Error", run("nmcli", "connection", "up", CONNECTION, check=False))
+        result = self.expect_findings({"interface": fault(
+            "the profile is for the hardware address 02:00:00:00:00:0A, and eth0 has ")})
+        remedy, = (row["remedy"] for row in result.objects if row.get("item") == "interface")
+        run("sh", "-c", remedy)
+        self.expect_findings({})
+        run("nmcli", "connection", "up", CONNECTION)
+
     def test_no_such_interface(self):
         self.raise_laboratory()
         run("nmcli", "connection", "modify", CONNECTION, "connection.interface-name", "eth7")
@@ -302,6 +315,29 @@ class Profile(LaboratoryCase):
         self.expect_findings({"profile": fault(
             "/etc/NetworkManager/system-connections is on a read-only file system: NetworkManager "
             "refuses each change", "mount -o remount,rw")})
+
+    def test_port_of_a_bridge(self):
+        lab = self.raise_laboratory()
+        run("nmcli", "connection", "modify", CONNECTION, "connection.master", "br0",
+            "connection.slave-type", "bridge")
+        # NetworkManager refuses indeed.
+        command = ["nmcli", "connection", "modify", CONNECTION, "ipv4.method", "auto"]
+        self.assertIn("Error", run(*command, check=False))
+        uuid = lab.profile("connection.uuid", CONNECTION)
+        remedy = (f"nmcli connection modify uuid {uuid} connection.master '' "
+                  "connection.slave-type ''")
+        self.expect_findings({"profile": fault("the connection is a port of br0", remedy)})
+        run("sh", "-c", remedy)
+        self.expect_findings({})
+        run(*command)
+
+    def test_no_gateway(self):
+        self.raise_laboratory()
+        run("nmcli", "connection", "modify", CONNECTION, "ipv4.never-default", "yes")
+        result = self.expect_findings({"profile": warning("the profile never uses a gateway")})
+        remedy, = (row["remedy"] for row in result.objects if row.get("item") == "profile")
+        run("sh", "-c", remedy)
+        self.expect_findings({})
 
     def test_in_memory(self):
         lab = self.raise_laboratory()
@@ -451,18 +487,20 @@ class DeviceFile(LaboratoryCase):
 
 class BothStatic(LaboratoryCase):
     def test_address(self):
-        """What the device has now is told."""
+        """What the device has now is told, and with an address all is good."""
         lab = self.raise_laboratory()
         values = settings() | {
             "SecondIsAutomatically": "true", "SecondLocalIp": NET2.device,
             "SecondLocalMask": "255.255.255.0", "SecondLocalGateWay": NET2.server}
         write(APP, values)
         text = "a device without any address skips both, and its search fails after 120 s; now it "
-        remedy = "nmcli connection modify lan connection.autoconnect yes"
-        self.expect_findings({"networks": warning(text + "has none", remedy)})
-        run("nmcli", "connection", "up", CONNECTION)
+        remedy = "nmcli connection modify lan connection.autoconnect yes; nmcli connection up lan"
+        self.expect_findings({"networks": warning(text + "has none", remedy),
+                              "profile": warning("the connection is not activated by itself")})
+        # The remedy is one.
+        run("sh", "-c", remedy)
         address = lab.addresses()[0].split("/")[0]
-        self.expect_findings({"networks": warning(text + f"has {address}", remedy)})
+        self.expect_findings({"networks": good(f"the device has an address now, {address}: ")})
 
 
 class Probes(LaboratoryCase):

@@ -220,6 +220,13 @@ std::optional<Finding> badProfile(const Situation &situation)
                 QStringLiteral("the connection is a port of %1 and has no addressing of its own")
                         .arg(port),
                 modify + QStringLiteral("connection.master '' connection.slave-type ''"));
+    const auto &networks = situation.settings.networks;
+    if (networks[0].isStatic && networks[1].isStatic
+        && property(connection, QStringLiteral("connection.autoconnect")) == QLatin1String("no"))
+        return Finding::warning(
+                QStringLiteral("the connection is not activated by itself: a device that starts "
+                               "without any address skips both static networks"),
+                modify + QStringLiteral("connection.autoconnect yes"));
     if (property(connection, QStringLiteral("ipv4.never-default")) == QLatin1String("yes"))
         return Finding::warning(
                 QStringLiteral("the profile never uses a gateway (ipv4.never-default)"),

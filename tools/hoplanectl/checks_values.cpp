@@ -185,15 +185,21 @@ Findings bothStatic(const Situation &situation)
         judgeLeftovers(situation, index, &found);
     }
     const QString current = currentAddress().address;
-    found.append(Finding::warning(
-            QStringLiteral("both networks are static: a device without any address skips both, "
-                           "and its search fails after 120 s; now it has %1")
-                    .arg(current.isEmpty() ? QStringLiteral("none") : current),
-            situation.settings.connection.isEmpty()
-                    ? situation.set(QStringLiteral("network 2 --dhcp"))
-                    : QStringLiteral("nmcli connection modify %1 connection.autoconnect yes, so "
-                                     "that it has one before the first search")
-                              .arg(Check::quoted(situation.settings.connection))));
+    const QString &name = situation.settings.connection;
+    if (current.isEmpty())
+        found.append(Finding::warning(
+                QStringLiteral("both networks are static: a device without any address skips "
+                               "both, and its search fails after 120 s; now it has none"),
+                name.isEmpty() ? situation.set(QStringLiteral("network 2 --dhcp"))
+                               : QStringLiteral("nmcli connection modify %1 "
+                                                "connection.autoconnect yes; nmcli connection "
+                                                "up %1")
+                                         .arg(Check::quoted(name))));
+    if (found.isEmpty())
+        found.append(Finding::good(
+                QStringLiteral("both are static, and the device has an address now, %1: a search "
+                               "does not skip both")
+                        .arg(current)));
     return found;
 }
 
