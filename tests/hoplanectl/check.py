@@ -1024,6 +1024,31 @@ class DeviceFile(Case):
                 DEVICE_FILE.write_text("\n".join(lines) + "\n", encoding="utf-8")
                 self.expect_findings({"device-file": finding})
 
+    def test_set_tells_of_it(self):
+        """What the next start overwrites is told at once, and nothing else is."""
+        DEVICE_FILE.write_text("\n".join(self.SAME), encoding="utf-8")
+        network = ["set", "network", "1", "--address"]
+        kept = ["10.1.0.2/24", "--gateway", "10.1.0.254", "--dns", "10.1.0.53", "--dns",
+                "10.1.0.54"]
+        for arguments, message in (
+                ([*network, "10.1.0.3/24"], self.OVERWRITTEN + "network 1 becomes static address "
+                 "10.1.0.2/24, gateway 10.1.0.254, name servers 10.1.0.53, 10.1.0.54 (now static "
+                 "address 10.1.0.3/24, gateway (none), name servers (none))"),
+                ([*network, *kept], None),
+                (["set", "connection", "wan"],
+                 self.OVERWRITTEN + 'the connection becomes "lan" (now "wan")'),
+                (["set", "enabled", "off"], None),
+                (["set", "connection", "a;b"], '"a;b": ')):
+            with self.subTest(arguments=arguments):
+                done = tool.tool(*arguments)
+                self.assertEqual(done.err.startswith(f"hoplanectl: {message}"), message is not None,
+                                 done)
+                self.assertEqual(not done.err, message is None, done)
+        DEVICE_FILE.write_text("", encoding="utf-8")
+        done = self.expect(0, "set", "connection", "wan2")
+        self.assertIn(f"{DEVICE_FILE}: it has no group NetworkConnections. The next start",
+                      done.err)
+
     def test_not_a_file(self):
         DEVICE_FILE.mkdir()
         self.expect_findings({"device-file": fault(f"{DEVICE_FILE}: it is no regular file")})

@@ -750,6 +750,29 @@ class Idle(PlanCase):
         self.assertIn(b"could not be written", done.stderr)
 
 
+class DeviceFile(PlanCase):
+    PATH = pathlib.Path("/userdata/netSettings.ini")
+
+    def test_the_next_start_takes_it_over(self):
+        self.addCleanup(self.PATH.unlink)
+        self.PATH.write_text("[NetworkConnections]\nconName=other\nbDhcpEnabled=true\n"
+                             "SlaveNet\\bDhcpEnabled=true\n", encoding="utf-8")
+        told = (f"the next start of the application takes over {self.PATH}: the connection becomes "
+                '"other" (now "lan"); network 1 becomes automatic addressing (DHCP) (now static '
+                "address 198.51.100.2/24, gateway 198.51.100.1, name servers 198.51.100.53, "
+                "198.51.100.54)")
+        values = BOTH_AUTOMATIC | FIRST_STATIC
+        plan = self.plan(values)
+        self.assertEqual([told], plan.plan["warnings"])
+        self.assertEqual(BY_STATIC_1, plan.turns("each")[0][1])
+        self.assertIn(f"\nwarning: {told}\n", self.text(values))
+        self.assertEqual([], self.plan(BOTH_AUTOMATIC | {"connectionName": "other"})
+                         .plan["warnings"])
+        self.PATH.write_text("", encoding="utf-8")
+        self.assertIn("it has no group NetworkConnections. The next start",
+                      self.plan(values).plan["warnings"][0])
+
+
 class Duration(PlanCase):
     def test_each_kind_of_configuration(self):
         self.give_address("203.0.113.2/24")

@@ -170,6 +170,13 @@ class Outcomes(TestCase):
         result = self.expect(0, "search", "--json")
         self.assertIn(f"connectionName={CONNECTION}\n", path.read_text(encoding="utf-8"))
         self.assertEqual(self.steps(result, "lookup")[0]["connection"], CONNECTION)
+        note, = (thing["text"] for thing in result.objects if thing["type"] == "note")
+        self.assertEqual(note.split(" (now static address ")[0],
+                         f"at its start the library takes over {DEVICE_FILE}: the connection becomes "
+                         f'"{CONNECTION}" (now "nobody"); network 1 becomes static address '
+                         f"{NET1.device}/24, gateway (none), name servers (none)")
+        # Another time it changes nothing.
+        self.assertNotIn("takes over", self.expect(0, "search").out)
 
     def test_verbose(self):
         """Each line of the library's log is shown beside the steps, and no other step is."""

@@ -30,25 +30,6 @@
 
 namespace {
 
-// In words, what the next start of the application makes different; values that are not used do
-// not count.
-QStringList changesInWords(const Settings &before, const Settings &after)
-{
-    QStringList changes;
-    if (before.connection != after.connection)
-        changes.append(
-                QStringLiteral("the connection becomes %1 (now %2)")
-                        .arg(Check::shown(after.connection), Check::shown(before.connection)));
-    for (int index : { 0, 1 }) {
-        const QString now = Describe::addressing(before.networks[index]);
-        const QString then = Describe::addressing(after.networks[index]);
-        if (now != then)
-            changes.append(
-                    QStringLiteral("network %1 becomes %2 (now %3)").arg(index + 1).arg(then, now));
-    }
-    return changes;
-}
-
 // What is wrong with the values that the import would bring.
 void judgeImported(const Situation &situation, const Settings &after, Findings *found)
 {
@@ -127,11 +108,8 @@ Findings Check::deviceFile(Situation &situation)
     DeviceSettings settings;
     const QString reason = settings.load(path);
     if (!reason.isEmpty())
-        return { Finding::fault(
-                QStringLiteral("%1: %2. The next start of the application empties the connection's "
-                               "name and the addressing of both networks")
-                        .arg(path, reason),
-                QStringLiteral("mv %1 %1.old").arg(path)) };
+        return { Finding::fault(DeviceSettings::announcement(situation.path, situation.settings),
+                                QStringLiteral("mv %1 %1.old").arg(path)) };
     if (situation.path.isEmpty())
         return { Finding::notJudged(
                 QStringLiteral("there is no configuration that %1 would change").arg(path)) };
@@ -139,11 +117,10 @@ Findings Check::deviceFile(Situation &situation)
     Settings after = situation.settings;
     changes.applyTo(&after);
     Findings found;
-    const QStringList different = changesInWords(situation.settings, after);
-    if (!Configuration::differences(situation.path, changes).isEmpty() && !different.isEmpty())
+    const QString announced = DeviceSettings::announcement(situation.path, situation.settings);
+    if (!announced.isEmpty())
         found.append(Finding::warning(
-                QStringLiteral("the next start of the application takes over %1: %2")
-                        .arg(path, different.join(QStringLiteral("; "))),
+                announced,
                 QStringLiteral("correct %1, which comes first; or mv %1 %1.old").arg(path)));
     judgeImported(situation, after, &found);
     if (found.isEmpty())

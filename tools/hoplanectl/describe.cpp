@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "describe.h"
 
+#include "text.h"
 #include "values.h"
 
 namespace Describe {
@@ -51,6 +52,23 @@ QString addressing(const NetworkSettings &network)
     return QStringLiteral("static address %1%2, gateway %3, name servers %4")
             .arg(orMissing(network.ip), prefix(network.mask), orMissing(network.gateway),
                  orMissing(dns.join(QStringLiteral(", "))));
+}
+
+QStringList changes(const Settings &before, const Settings &after)
+{
+    QStringList changes;
+    if (before.connection != after.connection)
+        changes.append(
+                QStringLiteral("the connection becomes \"%1\" (now \"%2\")")
+                        .arg(Text::visible(after.connection), Text::visible(before.connection)));
+    for (int index : { 0, 1 }) {
+        const QString now = Text::visible(addressing(before.networks[index]));
+        const QString then = Text::visible(addressing(after.networks[index]));
+        if (now != then)
+            changes.append(
+                    QStringLiteral("network %1 becomes %2 (now %3)").arg(index + 1).arg(then, now));
+    }
+    return changes;
 }
 
 } // namespace Describe

@@ -13,5 +13,8 @@ QString connection(const QString &name);
 QString server(const NetworkSettings &network);
 // "automatic addressing (DHCP)", or the static one with all that belongs to it.
 QString addressing(const NetworkSettings &network);
+// Between the two, what becomes of the connection and the addressing; values that are not used do
+// not count.
+QStringList changes(const Settings &before, const Settings &after);
 
 } // namespace Describe

@@ -2,6 +2,7 @@
 #include "devicesettings.h"
 
 #include "../../worker/switchsettings_p.h"
+#include "describe.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -46,6 +47,27 @@ QString DeviceSettings::load(const QString &path, bool *isIni)
     if (isIni)
         *isIni = whole.status() == QSettings::NoError;
     return QString();
+}
+
+QString DeviceSettings::announcement(const QString &path, const Settings &now)
+{
+    const QString from = DeviceSettings::path();
+    if (!QFile::exists(from))
+        return QString();
+    DeviceSettings settings;
+    const QString reason = settings.load(from);
+    if (!reason.isEmpty())
+        return QStringLiteral("%1: %2. The next start of the application empties the connection's "
+                              "name and the addressing of both networks")
+                .arg(from, reason);
+    const Changes changes = settings.changes();
+    Settings after = now;
+    changes.applyTo(&after);
+    const QStringList different = Describe::changes(now, after);
+    if (different.isEmpty() || Configuration::differences(path, changes).isEmpty())
+        return QString();
+    return QStringLiteral("the next start of the application takes over %1: %2")
+            .arg(from, different.join(QStringLiteral("; ")));
 }
 
 Changes DeviceSettings::changes() const

@@ -18,6 +18,10 @@ struct DeviceSettings
     // not ask.
     QString load(const QString &path, bool *isIni = nullptr);
 
+    // What the next start of the application makes of the configuration at `path`, which has these
+    // settings now, in one sentence; nothing if it changes nothing.
+    static QString announcement(const QString &path, const Settings &now);
+
     // What an import of them changes.
     Changes changes() const;
 };

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "livecommand.h"
 
-#include "configuration.h"
+#include "describe.h"
+#include "devicesettings.h"
 #include "processor.h"
 
 #include <sys/ioctl.h>
@@ -49,6 +50,7 @@ Hoplane *LiveCommand::takeLibrary()
     QObject::connect(&m_tick, &QTimer::timeout, &m_tick, [this] { showStatus(); });
     if (m_hasStatus)
         m_tick.start(refreshMs);
+    m_beforeImport = Settings::read(Configuration::path());
     Hoplane *const library = Hoplane::instance();
     QObject::connect(library, &Hoplane::start, &m_tick, [this] { announceSearch(); });
     return library;
@@ -129,9 +131,23 @@ void LiveCommand::noteExchange()
             && settings.networks[1].isStatic;
     if (!exchanged)
         return;
-    const QString text = QStringLiteral("on this processor (%1) the library exchanges the two "
-                                        "networks: what is 1 here is 2 in the file")
-                                 .arg(Processor::name());
+    note(QStringLiteral("on this processor (%1) the library exchanges the two networks: what is 1 "
+                        "here is 2 in the file")
+                 .arg(Processor::name()));
+}
+
+// What taking the library has made of the file.
+void LiveCommand::noteImport()
+{
+    const QStringList changes =
+            Describe::changes(m_beforeImport, Settings::read(Configuration::path()));
+    if (!changes.isEmpty())
+        note(QStringLiteral("at its start the library takes over %1: %2")
+                     .arg(DeviceSettings::path(), changes.join(QStringLiteral("; "))));
+}
+
+void LiveCommand::note(const QString &text)
+{
     line(text, Output::Warning);
     out()->object({ { QStringLiteral("type"), QStringLiteral("note") },
                     { QStringLiteral("text"), text } });

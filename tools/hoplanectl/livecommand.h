@@ -2,6 +2,7 @@
 #pragma once
 
 #include "commandline.h"
+#include "configuration.h"
 #include "live.h"
 
 #include <hoplane.h>
@@ -38,6 +39,8 @@ protected:
     void timedLine(const QString &text, Output::Style style = Output::Plain,
                    const Moment &when = Live::now());
     void message(const QString &text);
+    // Says what the library has taken over of the device's own settings.
+    void noteImport();
     // Says so if the networks' numbers are not the file's.
     void noteExchange();
     // The end of what is under way, for a reason that is none of the library's.
@@ -52,12 +55,14 @@ private:
     void tellEnd(const SearchAccount &search);
     void clearStatus();
     void showStatus();
+    void note(const QString &text);
     QString status() const;
     int columns() const;
 
     Context *m_context;
     Live m_live;
     Narrator m_narrator;
+    Settings m_beforeImport;
     QTimer m_tick;
     bool m_verbose = false;
     bool m_hasStatus = false; // a terminal that can redraw it

@@ -2,6 +2,7 @@
 #include "planning.h"
 
 #include "describe.h"
+#include "devicesettings.h"
 #include "nmcli.h"
 #include "processor.h"
 
@@ -366,6 +367,9 @@ Plan make(const QString &path)
     plan.exchanged = isExchanged(plan.settings);
     findOtherAddresses(&plan);
     playPasses(&plan);
+    const QString imported = DeviceSettings::announcement(path, plan.settings);
+    if (!imported.isEmpty())
+        plan.warnings += imported;
     return plan;
 }
 

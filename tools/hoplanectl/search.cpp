@@ -75,6 +75,7 @@ int Search::run(int timeoutSeconds)
     Hoplane *const library = takeLibrary();
     if (!library)
         return notStarted;
+    noteImport();
     noteExchange();
     if (timeoutSeconds > 0) {
         m_timeout.setSingleShot(true);

@@ -3,6 +3,7 @@
 
 #include "change.h"
 #include "configuration.h"
+#include "devicesettings.h"
 #include "values.h"
 
 #include <QHash>
@@ -101,6 +102,17 @@ Values::Verdict setItem(const CommandLine &line, Changes *changes)
     return setEnabled(arguments, changes);
 }
 
+// Of what each start of the application overwrites.
+void warnOfImport(const QString &what)
+{
+    const QString path = Configuration::path();
+    if (what != QLatin1String("network") && what != QLatin1String("connection"))
+        return;
+    const QString imported = DeviceSettings::announcement(path, Settings::read(path));
+    if (!imported.isEmpty())
+        Output::message(imported);
+}
+
 // What is wrong with the name of what is to be set, or the number of its arguments; nothing if all
 // is well.
 QString misnamed(const QStringList &arguments)
@@ -182,5 +194,8 @@ int runSet(Context &context, const Command &command, const QStringList &argument
         return refuse(*refusal);
     if (!Configuration::choose(context.app, true))
         return ExitFailed;
-    return makeChanges(&context.out, changes, false);
+    const int status = makeChanges(&context.out, changes, false);
+    if (status == ExitGood)
+        warnOfImport(line.arguments().first());
+    return status;
 }

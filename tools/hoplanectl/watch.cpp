@@ -41,6 +41,7 @@ int Watch::run()
     if (!library)
         return notStarted;
     tellBeginning();
+    noteImport();
     noteExchange();
     reportSignals(library);
     return QCoreApplication::exec();
