@@ -263,7 +263,8 @@ class File(Case):
         self.expect_findings(
             WITHOUT_FILE | {"file": fault(
                 f"{path_of(APP)} cannot be read by the user root: Permission denied",
-                f"chown root {path_of(APP)}")}, within=powerless)
+                f"run the check as the application's user; or chown root {path_of(APP)}")},
+            within=powerless)
 
     def test_contents(self):
         path = path_of(APP)
@@ -473,8 +474,8 @@ class Trust(Case):
             for number, who in ((54321, "the user 54321"), (1, "the user daemon")):
                 with self.subTest(path=path, who=who):
                     self.expect_findings(
-                        self.others(who, path, f"chown root {path}; or run the check as the "
-                                               "application's user"),
+                        self.others(who, path, "run the check as the application's user; or "
+                                               f"chown root {path}"),
                         environment={"SURROUNDINGS_OWNER": f"{number} {path}"})
 
     def test_behind_a_link(self):

@@ -172,8 +172,8 @@ class Outcomes(TestCase):
         self.assertEqual(self.steps(result, "lookup")[0]["connection"], CONNECTION)
         note, = (thing["text"] for thing in result.objects if thing["type"] == "note")
         self.assertEqual(note.split(" (now static address ")[0],
-                         f"at its start the library takes over {DEVICE_FILE}: the connection becomes "
-                         f'"{CONNECTION}" (now "nobody"); network 1 becomes static address '
+                         f"at its start the library takes over {DEVICE_FILE}: the connection "
+                         f'becomes "{CONNECTION}" (now "nobody"); network 1 becomes static address '
                          f"{NET1.device}/24, gateway (none), name servers (none)")
         # Another time it changes nothing.
         self.assertNotIn("takes over", self.expect(0, "search").out)

@@ -39,8 +39,8 @@ std::optional<Finding> unreadable(const Situation &situation)
     if (!file.open(QIODevice::ReadOnly))
         return Finding::fault(QStringLiteral("%1 cannot be read by the user %2: %3")
                                       .arg(path, Check::user(), file.errorString()),
-                              QStringLiteral("chown %1 %2; or run the check as the application's "
-                                             "user")
+                              QStringLiteral("run the check as the application's user; or chown "
+                                             "%1 %2")
                                       .arg(Check::user(), Check::quoted(path)));
     return std::nullopt;
 }
@@ -238,7 +238,7 @@ std::optional<Finding> writableByOthers(const QString &path)
     if (state.st_uid != 0 && state.st_uid != geteuid())
         return Finding::fault(
                 QStringLiteral("the user %1 may write %2%3").arg(owner, path, consequence),
-                QStringLiteral("chown %1 %2; or run the check as the application's user")
+                QStringLiteral("run the check as the application's user; or chown %1 %2")
                         .arg(Check::user(), Check::quoted(path)));
     // In a folder with this bit everybody may replace his own files only.
     if (S_ISDIR(state.st_mode) && (state.st_mode & S_ISVTX) != 0)
