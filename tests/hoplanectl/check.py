@@ -278,6 +278,9 @@ class File(Case):
                 (lines, {}),
                 (["\ufeff[General]", *lines], {"file": fault(
                     f"{path}: it begins with a byte order mark{stored}")}),
+                (["\ufeff[General]", *lines, "rubbish"], {"file": fault(
+                    f"{path}: it begins with a byte order mark; line {len(lines) + 2} is none of "
+                    f"an INI file{stored}")}),
                 (["[general]", *lines], {}),
                 (["[General]", lines[0], "rubbish", *lines[1:]], {"file": bad}),
                 (["[General]", lines[0], "[rubbish", *lines[1:]], {"file": bad}),
@@ -1193,6 +1196,13 @@ class Probes(Case):
         subprocess.run(["ip", "address", "flush", "dev", "lo", "scope", "global"], check=True)
         self.probe({"probe-1": warning("10.1.0.1:9000: Network is unreachable, after 0 ms"),
                     "probe-2": warning("10.2.0.1:9001: Network is unreachable, after 0 ms")}, {})
+
+    def test_remedy_names_the_application(self):
+        subprocess.run(["ip", "address", "flush", "dev", "lo", "scope", "global"], check=True)
+        write("two words", GOOD)
+        found = self.run_check("--app", "two words", "check", "--probe", "--json").objects
+        self.assertEqual(["hoplanectl --app 'two words' search"] * 2,
+                         [row["remedy"] for row in found if row.get("item") in PROBES])
 
     def test_no_valid_server(self):
         subprocess.run(["ip", "address", "flush", "dev", "lo", "scope", "global"], check=True)

@@ -512,7 +512,7 @@ class Probes(LaboratoryCase):
         neighbour = lab.prepare_server(NEIGHBOUR)
         lab.start_server(NET2.server)
         accepts = good(f"{NET2.server}:{PORT} accepts, after ")
-        remedy = "hoplanectl search, which also applies the network's addressing"
+        remedy = "hoplanectl search"
 
         def expect(first):
             result = self.run_check("check", "--probe", "--json")

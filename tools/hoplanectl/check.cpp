@@ -135,11 +135,16 @@ bool chooseFile(const QString &app, Situation *situation)
 
 } // namespace
 
-QString Situation::set(const QString &rest) const
+QString Situation::command(const QString &rest) const
 {
     const QString application =
             app.isNull() ? QString() : QStringLiteral(" --app ") + Check::quoted(app);
-    return QStringLiteral("hoplanectl%1 set %2").arg(application, rest);
+    return QStringLiteral("hoplanectl%1 %2").arg(application, rest);
+}
+
+QString Situation::set(const QString &rest) const
+{
+    return command(QStringLiteral("set ") + rest);
 }
 
 QString Check::shown(const QString &text)

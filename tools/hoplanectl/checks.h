@@ -55,7 +55,8 @@ struct Situation
     std::optional<Connection> connection; // the one that is reconfigured
     QString interface; // its network interface
 
-    // "hoplanectl set REST", for the same application.
+    // "hoplanectl REST" and "hoplanectl set REST", for the same application.
+    QString command(const QString &rest) const;
     QString set(const QString &rest) const;
 };
 

@@ -213,5 +213,5 @@ Findings Check::probe(const Situation &situation, int index)
                          attempt.error == ETIMEDOUT ? QStringLiteral("no answer")
                                                     : Text::ofError(attempt.error),
                          elapsed),
-            QStringLiteral("hoplanectl search, which also applies the network's addressing")) };
+            situation.command(QStringLiteral("search"))) };
 }

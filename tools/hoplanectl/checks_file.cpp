@@ -57,16 +57,22 @@ bool isIni(const QString &path)
 // Where the file stops being one, as far as that shows.
 QString badPlace(const QByteArray &bytes)
 {
-    if (bytes.startsWith("\xEF\xBB\xBF"))
-        return QStringLiteral("it begins with a byte order mark");
-    const QList<QByteArray> lines = bytes.split('\n');
+    QStringList places;
+    const QByteArray mark = "\xEF\xBB\xBF";
+    const bool isMarked = bytes.startsWith(mark);
+    if (isMarked)
+        places.append(QStringLiteral("it begins with a byte order mark"));
+    const QList<QByteArray> lines = bytes.mid(isMarked ? mark.size() : 0).split('\n');
     for (int index = 0; index < lines.size(); ++index) {
         const QByteArray line = lines[index].trimmed();
         const bool group = line.startsWith('[') && line.contains(']');
-        if (!line.isEmpty() && !line.startsWith(';') && !group && !line.contains('='))
-            return QStringLiteral("line %1 is none of an INI file").arg(index + 1);
+        if (!line.isEmpty() && !line.startsWith(';') && !group && !line.contains('=')) {
+            places.append(QStringLiteral("line %1 is none of an INI file").arg(index + 1));
+            break;
+        }
     }
-    return QStringLiteral("it is no INI file throughout");
+    return places.isEmpty() ? QStringLiteral("it is no INI file throughout")
+                            : places.join(QStringLiteral("; "));
 }
 
 // The command that writes the key.
