@@ -748,6 +748,10 @@ class Manager(Case):
         nmcli({LIST: f"{lines % 1} >&2; {lines % 2}; echo '{LAN}'; {lines % 3} >&2"})
         self.expect_findings({"connection": good('"lan", wired')})
 
+    def test_signals_while_it_answers(self):
+        """Nothing of an answer is lost."""
+        self.expect_findings({}, environment={"SURROUNDINGS_INTERRUPTED": "pipe"})
+
     def test_other_version(self):
         nmcli({RUNNING: ("running:1.40.0", 0)})
         self.expect_findings({"manager": warning(
@@ -929,6 +933,14 @@ class TheConnection(Case):
             with self.subTest(name=name):
                 nmcli({FILES: (f"{OTHER_UUID}:/x\n{UUID}:{name}", 0)})
                 self.expect_findings({"profile": finding})
+        # A profile that the system brought along is changed elsewhere.
+        brought = pathlib.Path("/usr/local")
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "ro", "tmpfs", brought], check=True)
+        try:
+            nmcli({FILES: (f"{UUID}:{brought}/lan.nmconnection", 0)})
+            self.expect_findings({"profile": good(str(brought))})
+        finally:
+            subprocess.run(["umount", brought], check=True)
         read_only = HOME / "read-only"
         read_only.mkdir(exist_ok=True)
         subprocess.run(["mount", "-t", "tmpfs", "-o", "ro", "tmpfs", read_only], check=True)

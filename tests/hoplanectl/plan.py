@@ -773,6 +773,40 @@ class DeviceFile(PlanCase):
                       self.plan(values).plan["warnings"][0])
 
 
+class LibrarysRules(PlanCase):
+    """What `check` says of the library by itself is what the library does in the plan."""
+
+    def item(self, name):
+        # Whatever else it finds: of the system it asks for more than the stand-in knows.
+        found = tool.tool("check", "--json").objects
+        return next(thing["text"] for thing in found if thing.get("item") == name)
+
+    def test_prefix_of_a_bad_netmask(self):
+        for mask in ("255.0.255.0", "255.255.255", "24", "255.255.x.0", "255.0.0.x", "254.256.0.0",
+                     "254.257.0.0", "255.255.0.255", "1.2.3.4", "255.254.0.0.0", "255.0.0.0",
+                     "999.0.0.0", "255.255.255.511", "-1.0.0.0", "4294967296.0.0.0"):
+            with self.subTest(mask):
+                plan = self.plan(BOTH_AUTOMATIC | FIRST_STATIC | {"FirstLocalMask": mask})
+                applied = re.search(r"ipv4.addresses \S+(/\d+) ", plan.commands[1]["command"])[1]
+                self.assertRegex(self.item("network-1"), rf"(as|applies \S+ as) {applied}\b")
+
+    def test_address_of_the_device(self):
+        for addresses, extra in (({"eth8": "203.0.113.8/24", "eth9": "203.0.113.9/24"}, []),
+                                 ({"eth9": "203.0.113.9/24", "eth8": "203.0.113.8/24"}, []),
+                                 ({"eth8": "203.0.113.8/24", "eth9": "169.254.0.9/16"}, []),
+                                 ({"eth9": "203.0.113.9/24"}, ["multicast", "off"]),
+                                 ({"eth9": "203.0.113.9/24"}, ["down"])):
+            with self.subTest(addresses=addresses, extra=extra):
+                for name, address in addresses.items():
+                    self.give_address(address, name)
+                if extra:
+                    ip("link", "set", name, *extra)
+                found = self.plan(BOTH_STATIC).networks[0]["deviceAddress"]
+                self.assertIn(f"address now, {found}: " if found else "now it has none",
+                              self.item("networks"))
+                self.doCleanups()
+
+
 class Duration(PlanCase):
     def test_each_kind_of_configuration(self):
         self.give_address("203.0.113.2/24")

@@ -5,6 +5,7 @@
 //   SURROUNDINGS_CLOCK         "ERROR SECONDS": the clock's greatest error in microseconds and its
 //                              time, 0 for the real one; "refused": the kernel does not tell
 //   SURROUNDINGS_REFUSED       "socket PROTOCOL" or "bind PROTOCOL": of AF_NETLINK, not allowed
+//   SURROUNDINGS_INTERRUPTED   "pipe": every other time that a pipe is read, a signal comes first
 //   SURROUNDINGS_ARCHITECTURE  the processor's, in Qt's words
 //   SURROUNDINGS_CODEC         that of the locale
 //   SURROUNDINGS_OWNER         "NUMBER PATH": the user who owns the file
@@ -17,6 +18,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/timex.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -76,6 +78,20 @@ extern "C" int socket(int domain, int type, int protocol) noexcept
         return -1;
     }
     return real<int (*)(int, int, int)>("socket")(domain, type, protocol);
+}
+
+extern "C" ssize_t read(int fd, void *bytes, size_t most)
+{
+    static bool interrupts = false;
+    struct stat state = {};
+    if (getenv("SURROUNDINGS_INTERRUPTED") && fstat(fd, &state) == 0 && S_ISFIFO(state.st_mode)) {
+        interrupts = !interrupts;
+        if (interrupts) {
+            errno = EINTR;
+            return -1;
+        }
+    }
+    return real<ssize_t (*)(int, void *, size_t)>("read")(fd, bytes, most);
 }
 
 extern "C" int bind(int fd, const sockaddr *address, socklen_t length) noexcept
