@@ -63,7 +63,7 @@ class Terminal:
 
     def wait(self):
         """The tool's exit status, at its end."""
-        return os.waitstatus_to_exitcode(os.waitpid(self._pid, 0)[1])
+        return os.waitstatus_to_exitcode(os.waitpid(self.pid, 0)[1])
 
     def send(self, number):
         os.kill(self.pid, number)
