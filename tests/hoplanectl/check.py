@@ -1198,16 +1198,16 @@ class Probes(Case):
                                   f"10.2.0.1:{values['SecondServerPort']}: no answer, after ",
                                   later)},
                              result, ITEMS + PROBES)
-                self.assertLess(self.elapsed(result)[0], 400)
-                self.assertIn(self.elapsed(result)[1], range(500, 600))
-        self.probe({"probe-1": warning("10.1.0.1:9000: Connection refused, after 0 ms", later),
-                    "probe-2": warning("10.2.0.1:9001: Connection refused, after 0 ms; with the "
-                                       "addressing as it is now", later)}, {})
+                self.assertLess(self.elapsed(result)[0], 500)
+                self.assertGreaterEqual(self.elapsed(result)[1], 500)
+        self.probe({"probe-1": warning("10.1.0.1:9000: Connection refused, after ", later),
+                    "probe-2": warning(("10.2.0.1:9001: Connection refused, after ",
+                                        " ms; with the addressing as it is now"), later)}, {})
 
     def test_unreachable(self):
         subprocess.run(["ip", "address", "flush", "dev", "lo", "scope", "global"], check=True)
-        self.probe({"probe-1": warning("10.1.0.1:9000: Network is unreachable, after 0 ms"),
-                    "probe-2": warning("10.2.0.1:9001: Network is unreachable, after 0 ms")}, {})
+        self.probe({"probe-1": warning("10.1.0.1:9000: Network is unreachable, after "),
+                    "probe-2": warning("10.2.0.1:9001: Network is unreachable, after ")}, {})
 
     def test_remedy_names_the_application(self):
         subprocess.run(["ip", "address", "flush", "dev", "lo", "scope", "global"], check=True)

@@ -520,10 +520,10 @@ class Probes(LaboratoryCase):
             return int(re.search(r"after (\d+) ms", result.objects[-3]["text"])[1])
 
         took = expect(warning(f"{NEIGHBOUR}:{PORT}: Connection refused, after ", remedy))
-        self.assertLess(took, 400)
+        self.assertLess(took, 500)
         neighbour.be_too_busy()
         took = expect(warning(f"{NEIGHBOUR}:{PORT}: no answer, after ", remedy))
-        self.assertIn(took, range(500, 700))
+        self.assertGreaterEqual(took, 500)
         neighbour.listen()
         expect(good(f"{NEIGHBOUR}:{PORT} accepts, after "))
 
