@@ -3,6 +3,7 @@
 The texts of golden/ are what it showed, with the times masked; with HOPLANE_WRITE_GOLDEN set they
 are written anew."""
 
+import fcntl
 import json
 import os
 import pathlib
@@ -212,20 +213,59 @@ class Outcomes(TestCase):
         self.assertEqual((done.returncode, done.stderr),
                          (3, b"hoplanectl: the results could not be written\n"))
 
+    HALF = ["half a line"] * 3
+
+    def speaking(self):
+        """The environment of an nmcli that says half a line on standard error before its work; and
+        the file that has a line for each of its runs."""
+        folder = pathlib.Path("/sandbox/tmp/saying")
+        folder.mkdir(exist_ok=True)
+        runs = folder / "runs"
+        runs.write_text("", encoding="utf-8")
+        nmcli = folder / "nmcli"
+        nmcli.write_text(f'#!/bin/sh\nprintf "half a line" >&2\n/usr/bin/nmcli "$@"\n'
+                         f'status=$?\necho "$1 $2" >>{runs}\nexit $status\n', encoding="utf-8")
+        nmcli.chmod(0o755)
+        return {"PATH": f"{folder}:{os.environ['PATH']}"}, runs
+
     def test_last_line_without_an_end(self):
         """What nmcli says last has no line break: it is told with the command."""
         self.start_server(NET1)
         self.configure()
-        folder = pathlib.Path("/sandbox/tmp/saying")
-        folder.mkdir(exist_ok=True)
-        nmcli = folder / "nmcli"
-        nmcli.write_text('#!/bin/sh\nprintf "half a line" >&2\nexec /usr/bin/nmcli "$@"\n',
-                         encoding="utf-8")
-        nmcli.chmod(0o755)
-        path = {"PATH": f"{folder}:{os.environ['PATH']}"}
-        result = self.expect(0, "search", "--json", environment=path)
-        said = [thing["message"] for thing in self.steps(result, "message")]
-        self.assertEqual(said, ["half a line"] * 3)
+        result = self.expect(0, "search", "--json", environment=self.speaking()[0])
+        self.assertEqual([thing["message"] for thing in self.steps(result, "message")], self.HALF)
+
+    def test_told_late(self):
+        """The results are read when all is over: what nmcli says stands with its command."""
+        self.start_server(NET1)
+        self.configure()
+        environment, runs = self.speaking()
+        reader, writer = os.pipe()
+        room = fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
+        os.write(writer, b"\n" * room)
+        with subprocess.Popen([*tool.COMMAND, "search", "--json"], stdout=writer,
+                              env=os.environ | environment) as process:
+            os.close(writer)
+            try:
+                wait_until(lambda: is_stuck(process.pid), 30, "a full pipe")
+                wait_until(lambda: len(self.runs(runs)) == 3, 60, "the third command's end")
+                with open(reader, encoding="utf-8") as results:
+                    objects = [json.loads(line) for line in results if line.strip()]
+                self.assertEqual(process.wait(60), 0)
+            finally:
+                process.kill()
+        steps = [thing for thing in objects
+                 if thing.get("step") in ("message", "lookup", "set", "activate")]
+        self.assertEqual([(step["step"], step.get("message")) for step in steps],
+                         [("message", "half a line"), ("lookup", None),
+                          ("message", "half a line"), ("set", "half a line"),
+                          ("message", "half a line"), ("activate", "half a line")], objects)
+        self.assertEqual([step["time"] for step in steps[::2]],
+                         [step["time"] for step in steps[1::2]])
+
+    @staticmethod
+    def runs(path):
+        return path.read_text(encoding="utf-8").splitlines()
 
 
 class NotStarted(TestCase):
@@ -353,8 +393,17 @@ class Ends(TestCase):
         nmcli.chmod(0o755)
         terminal = Terminal("search",
                             environment={"PATH": f"{folder}:{os.environ['PATH']}"})
-        with gate.open("wb"):
-            terminal.hang_up()
+        writer = []
+
+        def is_waiting():
+            try:
+                writer.append(os.open(gate, os.O_WRONLY | os.O_NONBLOCK))
+            except OSError:
+                return False
+            return True
+        wait_until(is_waiting, 60, "an activation that waits")
+        terminal.hang_up()
+        os.close(writer[0])
         self.assertEqual(terminal.wait(), 3)
         self.assertEqual(self.lab.addresses(), [NET1.device + "/24"])
 

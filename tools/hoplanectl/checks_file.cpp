@@ -45,15 +45,6 @@ std::optional<Finding> unreadable(const Situation &situation)
     return std::nullopt;
 }
 
-// Whether all of it can be taken apart. Has to be the first to read the file: whoever reads it
-// later is told of no error.
-bool isIni(const QString &path)
-{
-    const IniFile file(path);
-    (void)file.allKeys();
-    return file.status() == QSettings::NoError;
-}
-
 // Where the file stops being one, as far as that shows.
 QString badPlace(const QByteArray &bytes)
 {
@@ -310,7 +301,7 @@ Findings Check::file(Situation &situation)
     Findings found;
     QFile file(situation.path);
     const QByteArray bytes = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    if (!isIni(situation.path))
+    if (!Configuration::notIni(situation.path).isEmpty())
         found.append(
                 Finding::fault(QStringLiteral("%1: %2, and nothing can be stored")
                                        .arg(situation.path, badPlace(bytes)),

@@ -59,12 +59,11 @@ QString settle(const QString &path, const QString &replaced)
     struct stat owner = {};
     const bool exists = stat(QFile::encodeName(replaced).constData(), &owner) == 0;
     const QByteArray folder = QFile::encodeName(QFileInfo(replaced).path());
+    const bool isKnown = fd >= 0 && (exists || stat(folder.constData(), &owner) == 0);
     QString error;
-    if (fd < 0 || (!exists && stat(folder.constData(), &owner) != 0))
-        error = systemError(path);
-    else if ((exists || geteuid() == 0) && !give(fd, owner))
+    if (isKnown && (exists || geteuid() == 0) && !give(fd, owner))
         error = systemError(QStringLiteral("its owner cannot be kept"));
-    else if (fsync(fd) != 0)
+    else if (!isKnown || fsync(fd) != 0)
         error = systemError(path);
     if (fd >= 0)
         close(fd);

@@ -106,7 +106,7 @@ void Live::log(QtMsgType type, const QMessageLogContext &, const QString &text)
 {
     if (type == QtFatalMsg)
         theLive->abandon(text);
-    theLive->queue({ text, now() });
+    theLive->queue(text);
 }
 
 void Live::abandon(const QString &text) const
@@ -118,13 +118,14 @@ void Live::abandon(const QString &text) const
     std::abort();
 }
 
-void Live::queue(const Logged &logged)
+void Live::queue(const QString &text)
 {
     const bool isMain = isMainThread();
+    const Moment when = now();
     std::unique_lock<std::mutex> lock(m_mutex);
     if (!isMain)
         m_room.wait(lock, [this] { return m_queue.size() < mostQueued; });
-    m_queue.append(logged);
+    m_queue.append({ text, when, drain(m_printed), drain(m_said) });
     if (m_queue.size() == 1)
         QCoreApplication::postEvent(&m_receiver, new QEvent(QEvent::User));
 }
@@ -132,19 +133,27 @@ void Live::queue(const Logged &logged)
 void Live::handleAll()
 {
     QVector<Logged> queued;
+    QByteArray printed;
+    QByteArray said;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         queued.swap(m_queue);
+        printed = drain(m_printed);
+        said = drain(m_said);
     }
     m_room.notify_all();
-    // What is printed comes before the line about what follows from it, or about a command's end.
-    read(&m_printed);
-    read(&m_said);
-    // Commands are logged when they have ended, also if their last line has not.
-    if (!queued.isEmpty() && !m_said.rest.isEmpty())
-        takePrinted(QString::fromLocal8Bit(std::exchange(m_said.rest, QByteArray())), true);
-    for (const Logged &logged : queued)
+    for (const Logged &logged : queued) {
+        take(&m_printed, logged.printed, logged.when);
+        take(&m_said, logged.said, logged.when);
+        // Commands are logged when they have ended, also if their last line has not.
+        if (!m_said.rest.isEmpty())
+            takePrinted(QString::fromLocal8Bit(std::exchange(m_said.rest, QByteArray())), true,
+                        logged.when);
         handle(logged);
+    }
+    const Moment last = now();
+    take(&m_printed, printed, last);
+    take(&m_said, said, last);
 }
 
 void Live::handle(const Logged &logged)
@@ -168,7 +177,7 @@ bool Live::replace(int descriptor, Stream *stream)
         return false;
     close(ends[1]);
     stream->end = ends[0];
-    listen(stream->end, [this, stream] { read(stream); });
+    listen(stream->end, [this] { handleAll(); });
     return true;
 }
 
@@ -178,26 +187,34 @@ void Live::listen(int descriptor, const std::function<void()> &callback)
     QObject::connect(notifier, &QSocketNotifier::activated, &m_receiver, callback);
 }
 
-void Live::read(Stream *stream)
+// What the descriptor's end has until now.
+QByteArray Live::drain(const Stream &stream)
 {
+    QByteArray taken;
     char bytes[4096];
     ssize_t length = 0;
-    while ((length = ::read(stream->end, bytes, sizeof bytes)) > 0)
-        stream->rest.append(bytes, int(length));
+    while ((length = ::read(stream.end, bytes, sizeof bytes)) > 0)
+        taken.append(bytes, int(length));
+    return taken;
+}
+
+void Live::take(Stream *stream, const QByteArray &bytes, const Moment &when)
+{
+    stream->rest.append(bytes);
     for (int end = stream->rest.indexOf('\n'); end >= 0; end = stream->rest.indexOf('\n')) {
         const QString line = QString::fromLocal8Bit(stream->rest.left(end));
         stream->rest.remove(0, end + 1);
-        takePrinted(line, stream->isError);
+        takePrinted(line, stream->isError, when);
     }
 }
 
-void Live::takePrinted(const QString &line, bool isError)
+void Live::takePrinted(const QString &line, bool isError, const Moment &when)
 {
     if (line.trimmed().isEmpty())
         return;
     LogEntry entry;
     entry.text = line;
-    entry.when = now();
+    entry.when = when;
     LogLine taken = LogLine::parse(line);
     if (isError)
         taken = { LogLine::CommandMessage, QString(), { line.trimmed() } };

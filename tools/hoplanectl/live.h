@@ -47,6 +47,9 @@ private:
     {
         QString text;
         Moment when;
+        // What was printed, and said on standard error, before this line.
+        QByteArray printed;
+        QByteArray said;
     };
     // Takes what other threads want done in the main thread.
     class Receiver : public QObject
@@ -72,12 +75,13 @@ private:
 
     static void log(QtMsgType type, const QMessageLogContext &context, const QString &text);
     static void catchSignal(int number);
-    void queue(const Logged &logged);
+    void queue(const QString &text);
     void handleAll();
     void handle(const Logged &logged);
     bool replace(int descriptor, Stream *stream);
-    void read(Stream *stream);
-    void takePrinted(const QString &line, bool isError);
+    static QByteArray drain(const Stream &stream);
+    void take(Stream *stream, const QByteArray &bytes, const Moment &when);
+    void takePrinted(const QString &line, bool isError, const Moment &when);
     void listen(int descriptor, const std::function<void()> &callback);
     bool catchSignals();
     [[noreturn]] void abandon(const QString &text) const;

@@ -123,7 +123,8 @@ void LiveCommand::tellEnd(const SearchAccount &search)
     ended(search);
 }
 
-// Off the device the library tries a static second network before an automatic first one.
+// Off the device the library tries a static second network before an automatic first one. It cannot
+// be asked here: a rehearsal would hold it back for good.
 void LiveCommand::noteExchange()
 {
     const Settings settings = Settings::read(Configuration::path());

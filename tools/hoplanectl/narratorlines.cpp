@@ -361,7 +361,7 @@ void Narrator::connectionFound(const LogLine &line)
 void Narrator::tellLookup(Step step)
 {
     const bool isReactivation = isProbeOpen() && m_turn.attempts == attemptsBeforeReactivation
-            && m_account->attemptsOfTurn() != 10;
+            && m_account->attemptsOfTurn() > attemptsBeforeReactivation;
     const bool hasOutcome = m_account && m_account->outcome != SearchAccount::Open;
     const bool isClear =
             isReactivation || (m_account && !isProbeOpen() && !hasOutcome) || m_configured;

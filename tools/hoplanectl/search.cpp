@@ -58,7 +58,7 @@ QString unfitness()
     const QString file = Configuration::path();
     if (Settings::read(file).enabled)
         return QStringLiteral("%1 was changed meanwhile").arg(file);
-    const QString unusable = Configuration::unusable(file);
+    QString unusable = Configuration::unusable(file);
     if (!unusable.isEmpty())
         return unusable;
     return QStringLiteral("switching is disabled in %1; enable it with hoplanectl --app %2 set "
