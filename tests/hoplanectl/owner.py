@@ -1,9 +1,11 @@
 # SPDX-License-Identifier: MIT
 """set and import as root, where the application is another user's: what it owned it owns
-afterwards. Enters a user namespace of several users first, then script/sandbox."""
+afterwards. Its arguments are the library and the tool. Enters a user namespace of several users
+first, then script/sandbox."""
 
 import os
 import pathlib
+import shutil
 import subprocess
 import sys
 
@@ -15,6 +17,7 @@ from tool import path_of, write
 SANDBOX = pathlib.Path(__file__).resolve().parent.parent.parent / "script" / "sandbox"
 OWNER, OTHER = users.USERS["failover"], users.USERS["stranger"]
 DOCUMENTS = tool.HOME / "Documents"
+DEVICE = pathlib.Path("/sandbox/device")
 
 
 def owner_of(path):
@@ -24,10 +27,19 @@ def owner_of(path):
 
 def as_user(user, *arguments):
     """Runs the tool as another user, whose home is the same."""
-    done = subprocess.run([*tool.COMMAND, *arguments], stdout=subprocess.PIPE,
+    done = subprocess.run([DEVICE / "hoplanectl", *arguments], stdout=subprocess.PIPE,
                           stderr=subprocess.PIPE, encoding="utf-8", timeout=60, user=user,
-                          group=user, extra_groups=[], check=False)
+                          group=user, extra_groups=[], check=False, cwd="/",
+                          env=os.environ | {"LD_LIBRARY_PATH": str(DEVICE)})
     return tool.Result(done)
+
+
+def setUpModule():  # noqa: N802
+    """Puts the tool and its library where each user may read them."""
+    DEVICE.mkdir()
+    library = tool.COMMAND.pop(0)
+    for file in library, tool.COMMAND[0]:
+        pathlib.Path(shutil.copy(file, DEVICE)).chmod(0o755)
 
 
 class Owner(tool.TestCase):
