@@ -25,12 +25,6 @@ def is_stuck(process):
     return "pipe_write" in pathlib.Path(f"/proc/{process}/wchan").read_text(encoding="utf-8")
 
 
-def is_caught(process, number):
-    """Whether the process has a handler for the signal."""
-    text = pathlib.Path(f"/proc/{process}/status").read_text(encoding="utf-8")
-    return int(re.search(r"^SigCgt:\s*(\S+)", text, re.MULTILINE)[1], 16) >> number - 1 & 1 == 1
-
-
 def outcome(result):
     """The last object."""
     return result.objects[-1]
@@ -260,8 +254,8 @@ class Outcomes(TestCase):
                          [("message", "half a line"), ("lookup", None),
                           ("message", "half a line"), ("set", "half a line"),
                           ("message", "half a line"), ("activate", "half a line")], objects)
-        self.assertEqual([step["time"] for step in steps[::2]],
-                         [step["time"] for step in steps[1::2]])
+        for said, command in zip(steps[::2], steps[1::2]):
+            self.assertLessEqual(said["time"], command["time"])
 
     @staticmethod
     def runs(path):
@@ -371,10 +365,9 @@ class Ends(TestCase):
                               stdout=subprocess.PIPE) as process:
             try:
                 wait_until(lambda: is_stuck(process.pid), 30, "a full pipe")
-                process.send_signal(signal.SIGINT)
-                wait_until(lambda: not is_caught(process.pid, signal.SIGINT), 30,
-                           "the first signal")
-                process.send_signal(signal.SIGINT)
+                # Two that come at once are one.
+                wait_until(lambda: process.send_signal(signal.SIGINT) or process.poll() is not None,
+                           30, "its end")
                 self.assertEqual(process.wait(30), -signal.SIGINT)
             finally:
                 process.kill()
