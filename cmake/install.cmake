@@ -9,6 +9,13 @@
 
 include(CMakePackageConfigHelpers)
 
+foreach(folder BINDIR DATADIR DOCDIR INCLUDEDIR LIBDIR MANDIR)
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_${folder}}")
+    message(FATAL_ERROR "CMAKE_INSTALL_${folder} is ${CMAKE_INSTALL_${folder}}: it has to be relative "
+      "to CMAKE_INSTALL_PREFIX, as what is installed can be moved")
+  endif()
+endforeach()
+
 install(TARGETS hoplane EXPORT Hoplane
   LIBRARY
     DESTINATION "${CMAKE_INSTALL_LIBDIR}"
@@ -26,8 +33,7 @@ install(EXPORT Hoplane
   COMPONENT Development)
 configure_package_config_file(cmake/HoplaneConfig.cmake.in HoplaneConfig.cmake
   INSTALL_DESTINATION "${cmake_folder}"
-  NO_SET_AND_CHECK_MACRO
-  NO_CHECK_REQUIRED_COMPONENTS_MACRO)
+  NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(HoplaneConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES
   "${PROJECT_BINARY_DIR}/HoplaneConfig.cmake"
@@ -68,8 +74,9 @@ if(HOPLANE_BUILD_TOOLS)
     COMPONENT Tools)
 endif()
 
-# The documents link to one another: they stay together.
-install(FILES CHANGELOG.md LICENSE README.md SECURITY.md
+# The documents link to one another: they stay together. Their links into the sources lead nowhere
+# here; the site has none.
+install(FILES CHANGELOG.md CONTRIBUTING.md LICENSE README.md SECURITY.md
   DESTINATION "${CMAKE_INSTALL_DOCDIR}"
   COMPONENT Documentation)
 install(DIRECTORY docs
@@ -78,9 +85,15 @@ install(DIRECTORY docs
   FILES_MATCHING PATTERN "*.md" PATTERN "*.svg"
   PATTERN man EXCLUDE
   PATTERN site EXCLUDE)
-install(DIRECTORY examples/device examples/failover
-  DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples"
-  COMPONENT Documentation)
+# By name: the example may have been built in its folder.
+foreach(example
+    device/50-failover.rules device/failover.env device/failover.service
+    failover/CMakeLists.txt failover/Makefile failover/failover.pro failover/main.cpp)
+  cmake_path(GET example PARENT_PATH folder)
+  install(FILES "examples/${example}"
+    DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples/${folder}"
+    COMPONENT Documentation)
+endforeach()
 if(HOPLANE_BUILD_DOCS)
   install(DIRECTORY "${PROJECT_BINARY_DIR}/site/"
     DESTINATION "${CMAKE_INSTALL_DOCDIR}/html"

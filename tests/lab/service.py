@@ -259,7 +259,8 @@ def main(arguments):
         if not done.wasSuccessful() and Service.timeline:
             print("\nThe timeline:", *Service.timeline.lines("dhcp"), "\nThe unit's output:",
                   JOURNAL.read_text(encoding="utf-8") if JOURNAL.exists() else "none", sep="\n")
-        return not done.wasSuccessful()
+        # What is left out is not green, but worse hides behind nothing.
+        return 1 if not done.wasSuccessful() else 77 if done.skipped else 0
     # The tools of the network are not on everybody's search path.
     os.environ["PATH"] += ":/usr/sbin:/sbin"
     if arguments[:1] == ["--enter"]:
