@@ -99,10 +99,10 @@ class Constants(unittest.TestCase):
     MARKED = {
         "behaviour.md": {
             "attemptMs", "changeAction", "classAPrefixLength", "commandResultSize", "commandSize",
-            "deviceSettingsPath", "dhcpNoCable", "dhcpSilent", "dhcpUp", "fewTries",
-            "lanSwitchPath", "lastPassStartMs", "lookUp", "managerHangs", "managerKilled",
-            "manyTries", "maxRetries", "modify", "mySwitchFailed", "notRunning", "openRetrySeconds",
-            "reactivationAttempt", "receiveBuffer", "bufferSize", "staticNoCable", "staticUp",
+            "deviceSettingsPath", "dhcpNoCable", "dhcpNoCableAgain", "dhcpSilent", "dhcpUp",
+            "fewTries", "lanSwitchPath", "lastPassStartMs", "lookUp", "managerHangs",
+            "managerKilled", "manyTries", "maxRetries", "modify", "mySwitchFailed", "notRunning",
+            "openRetrySeconds", "reactivationAttempt", "receiveBuffer", "bufferSize", "staticNoCable", "staticUp",
             "statisticsIntervalMs", "timeoutCode", "ueventSize", "waitForConnected"},
         "architecture.md": {"attemptMs", "classAPrefixLength", "fewTries", "manyTries"},
     }
@@ -114,8 +114,8 @@ class Constants(unittest.TestCase):
         text = read_document("behaviour.md")
         cls.table = rows(between(text, "<!-- constants -->", "<!-- end of constants -->"))
         cls.measured = rows(between(text, "<!-- measured -->", "<!-- end of measured -->"))
-        cls.definitions = dict(re.findall(r"^(\w+) = (.+)$",
-                                          between(text, "<!-- define", "-->"), re.MULTILINE))
+        cls.formulas = rows(between(text, "<!-- formulas -->", "<!-- end of formulas -->"))
+        cls.definitions = {name.strip("`"): formula.strip("`") for name, formula, _ in cls.formulas}
         cls.values, cls.units = {"mySwitchFailed": LIBRARY.failure_text()}, {}
         for name, written, file, _ in cls.table:
             key = name.strip("`").removesuffix("()")
@@ -153,6 +153,15 @@ class Constants(unittest.TestCase):
         for name, written, what in self.measured:
             self.assertRegex(written, r"^\d+(\.\d+)? s$", name)
             self.assertTrue(what, name)
+
+    def test_each_formula_is_explained_and_used(self):
+        self.assertGreater(len(self.formulas), 25)
+        self.assertEqual(len(self.formulas), len(self.definitions), "a name stands twice")
+        used = set().union(*(names_of(expression) for expression in self.definitions.values()),
+                           *(names_of(mark["expression"]) for mark in self.marks("behaviour.md")))
+        for name, _, what in self.formulas:
+            self.assertTrue(what, name)
+            self.assertIn(name.strip("`"), used)
 
     def marks(self, name):
         return list(MARK.finditer(without_fences(read_document(name))))
