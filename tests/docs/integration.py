@@ -6,8 +6,10 @@ headings that it names are there.
 Usage: integration.py SOURCE_FOLDER LIBRARY HOPLANECTL
 """
 
+import os
 import pathlib
 import re
+import shlex
 import subprocess
 import sys
 import tempfile
@@ -49,6 +51,21 @@ class Guide(unittest.TestCase):
             self.assertEqual(done.returncode, 0, name)
             for option in options.split():
                 self.assertIn(option, done.stdout)
+
+    def test_configuration_of_the_service(self):
+        """The guide's own commands, with the tool in place of its function for the user."""
+        commands = re.findall(r"^configure (.*)$", "".join(blocks("sh")), re.MULTILINE)
+        self.assertEqual(len(commands), 6)
+        with tempfile.TemporaryDirectory() as home:
+            for command in commands:
+                done = run(str(HOPLANECTL), "--app", "failover", *shlex.split(command),
+                           env={**os.environ, "HOME": home, "XDG_CONFIG_HOME": home})
+                self.assertEqual(done.returncode, 0, done.stdout)
+            stored = (pathlib.Path(home) / "Documents/failover/switch.ini").read_text("utf-8")
+        for line in ("SwitchEnable=true", "connectionName=lan", "FirstServerIp=198.51.100.1",
+                     "FirstIsAutomatically=true", "SecondServerIp=192.0.2.1",
+                     "SecondIsAutomatically=false"):
+            self.assertIn(f"\n{line}\n", stored)
 
     def test_log_lines(self):
         """hoplanectl knows each of them for one of the library's, or of nmcli's."""

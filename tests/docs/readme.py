@@ -39,9 +39,7 @@ class Readme(unittest.TestCase):
             project = pathlib.Path(folder)
             (project / "hoplane").symlink_to(ROOT)
             (project / "main.cpp").write_text(block("cpp"), encoding="utf-8")
-            (project / "CMakeLists.txt").write_text(
-                "cmake_minimum_required(VERSION 3.25)\nproject(readme CXX)\n" + lines,
-                encoding="utf-8")
+            (project / "CMakeLists.txt").write_text(lines, encoding="utf-8")
             for command in (["cmake", "-G", "Ninja", "-B", "build"], ["cmake", "--build", "build"]):
                 done = subprocess.run(command, cwd=project, stdout=subprocess.PIPE,
                                       stderr=subprocess.STDOUT, text=True, check=False)
