@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
-"""Holds docs/integration.md to what it shows: its code compiles, its commands and log lines are the
-tool's and the library's, the sample unit has the settings that it explains, and the files and
-headings that it names are there.
+"""Holds docs/integration.md to what it shows: its code compiles and does what the text says, its
+commands and log lines are the tool's and the library's, the sample unit has the settings that it
+explains, and the files and headings that it names are there.
 
 Usage: integration.py SOURCE_FOLDER LIBRARY HOPLANECTL
 """
@@ -13,11 +13,14 @@ import shlex
 import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 
 HOPLANECTL, LIBRARY, ROOT = (pathlib.Path(sys.argv.pop()).resolve() for _ in range(3))
 GUIDE = (ROOT / "docs/integration.md").read_text(encoding="utf-8")
 SAMPLES = ROOT / "examples/device"
+SANDBOX = str(ROOT / "script/sandbox")
+HERE = pathlib.Path(__file__).resolve().parent
 
 
 def blocks(language):
@@ -29,18 +32,73 @@ def run(*command, **options):
                           encoding="utf-8", check=False, **options)
 
 
-class Guide(unittest.TestCase):
-    def test_code_compiles(self):
-        code, = blocks("cpp")
-        flags = run("pkg-config", "--cflags", "--libs", "Qt5Network").stdout.split()
-        with tempfile.TemporaryDirectory() as folder:
-            source = pathlib.Path(folder) / "client.cpp"
-            source.write_text(code, encoding="utf-8")
-            done = run("c++", "-std=c++17", "-fPIC", "-Wall", "-Wextra", "-Wpedantic", "-Wshadow",
-                       "-Werror", f"-I{ROOT / 'facade'}", str(source), "-o",
-                       str(source.parent / "client"), str(LIBRARY), *flags)
-            self.assertEqual(done.returncode, 0, done.stdout)
+class Client(unittest.TestCase):
+    """The guide's code, as it stands and among the library's signals."""
 
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(folder.cleanup)
+        cls.folder = pathlib.Path(folder.name)
+        cls.code, = blocks("cpp")
+
+    def build(self, name, code, *more):
+        """Without a warning."""
+        source = self.folder / f"{name}.cpp"
+        source.write_text(code, encoding="utf-8")
+        flags = run("pkg-config", "--cflags", "--libs", "Qt5Network", "Qt5Test").stdout.split()
+        done = run("c++", "-std=c++17", "-fPIC", "-Wall", "-Wextra", "-Wpedantic", "-Wshadow",
+                   "-Werror", f"-I{ROOT / 'facade'}", str(source), *more, "-o",
+                   str(self.folder / name), str(LIBRARY), f"-Wl,-rpath,{LIBRARY.parent}", *flags)
+        self.assertEqual(done.returncode, 0, done.stdout)
+        return str(self.folder / name)
+
+    def build_rehearsal(self):
+        code = self.code.replace("private:", "public:").replace("int main(", "int clientMain(")
+        return self.build("rehearsal", code + (HERE / "client.cc").read_text(encoding="utf-8"),
+                          str(ROOT / "tests/security/architecture.cpp"))
+
+    def test_code_as_it_stands(self):
+        """Its search looks for the configuration under its application's name."""
+        program = self.build("client", self.code)
+        with subprocess.Popen([SANDBOX, program], stderr=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                              encoding="utf-8") as client:
+            # Without a search it would go on in silence. The sandbox's processes end with it.
+            limit = threading.Timer(60, client.kill)
+            limit.start()
+            line = next((line for line in client.stderr if "loadConfig" in line), "")
+            limit.cancel()
+            client.kill()
+        self.assertIn('"/sandbox/home/Documents/client/switch.ini" not exist', line)
+
+    def test_among_the_signals(self):
+        program = self.build_rehearsal()
+        for architecture in ("arm64", "x86_64"):
+            with self.subTest(architecture):
+                done = run(SANDBOX, "env", f"ARCHITECTURE={architecture}", program,
+                           str(int(self.longest_reaction() * 1000)))
+                self.assertEqual(done.returncode, 0, done.stdout)
+
+    def longest_reaction(self):
+        """In seconds, by the table."""
+        text = (ROOT / "docs/behaviour.md").read_text(encoding="utf-8")
+        table = text[text.index("| selected network |"):]
+        seconds = [float(number) for number in
+                   re.findall(r"\| ([\d.]+) s<!-- = switch\w+ --> \|$", table, re.MULTILINE)]
+        self.assertGreater(len(seconds), 5)
+        return max(seconds)
+
+    def test_levels(self):
+        """With the sample's environment, each line has the level that the journal knows it by."""
+        sample = (SAMPLES / "failover.env").read_text(encoding="utf-8")
+        pattern, = re.findall(r'^QT_MESSAGE_PATTERN="(.*)"$', sample, re.MULTILINE)
+        done = run(SANDBOX, "env", "ARCHITECTURE=arm64", f"QT_MESSAGE_PATTERN={pattern}",
+                   self.build_rehearsal(), "levels")
+        self.assertEqual(re.findall(r"^<\d>\w+$", done.stdout, re.MULTILINE),
+                         ["<7>debug", "<6>info", "<4>warning", "<3>critical", "<2>fatal"])
+
+
+class Guide(unittest.TestCase):
     def test_commands(self):
         commands = re.findall(r"\bhoplanectl (?:--app failover )?([a-z]+)((?: --[a-z]+)*)",
                               "".join(blocks("console")) + " ".join(re.findall("`(.*?)`", GUIDE)))
