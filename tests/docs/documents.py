@@ -89,29 +89,39 @@ def rows(text):
 
 
 def read_document(name):
-    return (DOCS / name).read_text(encoding="utf-8")
+    return (ROOT / name).read_text(encoding="utf-8")
 
 
 class Constants(unittest.TestCase):
-    """The numbers and texts of the two documents are those of the sources."""
+    """The numbers and texts of these documents are those of the sources."""
 
     # What each document has to name beside its number. A comment that is taken away is missed.
     MARKED = {
-        "behaviour.md": {
+        "docs/behaviour.md": {
             "attemptMs", "changeAction", "classAPrefixLength", "commandResultSize", "commandSize",
             "deviceSettingsPath", "dhcpNoCable", "dhcpNoCableAgain", "dhcpSilent", "dhcpUp",
             "fewTries", "lanSwitchPath", "lastPassStartMs", "lookUp", "managerHangs",
             "managerKilled", "manyTries", "maxRetries", "modify", "mySwitchFailed", "notRunning",
-            "openRetrySeconds", "reactivationAttempt", "receiveBuffer", "bufferSize", "staticNoCable", "staticUp",
-            "statisticsIntervalMs", "timeoutCode", "ueventSize", "waitForConnected"},
-        "architecture.md": {"attemptMs", "classAPrefixLength", "fewTries", "manyTries"},
+            "openRetrySeconds", "reactivationAttempt", "receiveBuffer", "bufferSize",
+            "staticNoCable", "staticUp", "statisticsIntervalMs", "timeoutCode", "ueventSize",
+            "waitForConnected"},
+        "docs/architecture.md": {"attemptMs", "classAPrefixLength", "fewTries", "manyTries"},
+        "docs/integration.md": {
+            "attemptMs", "deviceSettingsPath", "dhcpUp", "lastPassStartMs", "lookUp",
+            "managerKilled", "manyTries", "modify", "receiveBuffer", "timeoutCode",
+            "waitForConnected"},
+        "README.md": {
+            "attemptMs", "deviceSettingsPath", "dhcpSilent", "dhcpUp", "fewTries",
+            "lastPassStartMs", "lookUp", "manyTries", "modify", "staticUp", "timeoutCode",
+            "waitForConnected"},
+        "SECURITY.md": {"deviceSettingsPath"},
     }
     # Constants of the sources that nobody outside them needs to know.
     LEFT_OUT = {"noTimer"}
 
     @classmethod
     def setUpClass(cls):
-        text = read_document("behaviour.md")
+        text = read_document("docs/behaviour.md")
         cls.table = rows(between(text, "<!-- constants -->", "<!-- end of constants -->"))
         cls.measured = rows(between(text, "<!-- measured -->", "<!-- end of measured -->"))
         cls.formulas = rows(between(text, "<!-- formulas -->", "<!-- end of formulas -->"))
@@ -157,8 +167,9 @@ class Constants(unittest.TestCase):
     def test_each_formula_is_explained_and_used(self):
         self.assertGreater(len(self.formulas), 25)
         self.assertEqual(len(self.formulas), len(self.definitions), "a name stands twice")
-        used = set().union(*(names_of(expression) for expression in self.definitions.values()),
-                           *(names_of(mark["expression"]) for mark in self.marks("behaviour.md")))
+        expressions = [*self.definitions.values(),
+                       *(mark["expression"] for mark in self.marks("docs/behaviour.md"))]
+        used = set().union(*map(names_of, expressions))
         for name, _, what in self.formulas:
             self.assertTrue(what, name)
             self.assertIn(name.strip("`"), used)
@@ -206,7 +217,7 @@ class Constants(unittest.TestCase):
             self.assertEqual(unmarked, [], document)
 
     def test_commands_are_the_sources(self):
-        block = between(read_document("behaviour.md"), "<!-- commands -->", "\n## ")
+        block = between(read_document("docs/behaviour.md"), "<!-- commands -->", "\n## ")
         shown = re.search(r"^```\n(.*?)^```$", block, re.MULTILINE | re.DOTALL)[1]
         # A backslash joins two lines, and the sign stands for a blank at a line's end.
         shown = re.sub(r"\\\n +", "", shown).replace("␣", " ").splitlines()
@@ -253,7 +264,7 @@ class Logs(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         table = LogTable()
-        table.feed(between(read_document("behaviour.md"), "<!-- log lines -->",
+        table.feed(between(read_document("docs/behaviour.md"), "<!-- log lines -->",
                            "<!-- end of log lines -->"))
         cls.rows = [row for row in table.rows if row]
 
@@ -282,7 +293,7 @@ class Logs(unittest.TestCase):
         self.assertEqual(formats, ["%u: %s", " %s", "\n"])
         shape = re.compile(re.escape("".join(formats[:2])).replace("%u", r"\d+")
                            .replace("%s", r"\w+"))
-        text = between(read_document("behaviour.md"), "### What else is printed", "\n#")
+        text = between(read_document("docs/behaviour.md"), "### What else is printed", "\n#")
         shown = [code for code in re.findall(r"`([^`]+)`", text) if code[0].isdigit()]
         self.assertEqual(len(shown), 2)
         for line in shown:
