@@ -144,6 +144,14 @@ class Guide(unittest.TestCase):
         for setting in settings:
             self.assertRegex(unit, rf"(?m)^(?:Environment=)?{re.escape(setting)}$")
 
+    def test_restrictions(self):
+        """The guide names all of the unit's, and no other."""
+        unit = (SAMPLES / "failover.service").read_text(encoding="utf-8")
+        part = unit[unit.index("\nCapabilityBoundingSet="):unit.index("[Install]")]
+        told = GUIDE[GUIDE.index("The sample's are `"):GUIDE.index("`RestrictAddressFamilies=` w")]
+        self.assertCountEqual(re.findall(r"^[A-Z]\w+=.*$", part, re.MULTILINE),
+                              re.findall(r"`([A-Z]\w+=[^`]*)`", told))
+
     def test_environment(self):
         sample = (SAMPLES / "failover.env").read_text(encoding="utf-8")
         for setting in ("LC_ALL=C.UTF-8", "QT_MESSAGE_PATTERN"):

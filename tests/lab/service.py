@@ -8,10 +8,12 @@ service.py LIBRARY APPLICATION HOPLANECTL
 """
 
 import contextlib
+import json
 import os
 import pathlib
 import re
 import signal
+import stat
 import subprocess
 import sys
 import tempfile
@@ -31,6 +33,14 @@ UNITS = pathlib.Path("/sandbox/units")
 JOURNAL = pathlib.Path("/sandbox/journal")
 DEVICE_FILE = pathlib.Path("/userdata/netSettings.ini")
 GROUP = "HOPLANE_CONTROL_GROUP"
+# What the sample leaves open on purpose, in the words of "systemd-analyze security": the network,
+# the bus and the kernel's notifications, what an application of more than the failover may need,
+# and what would do nothing for it.
+LEFT_OPEN = {"RestrictAddressFamilies=~AF_(INET|INET6)", "RestrictAddressFamilies=~AF_NETLINK",
+             "RestrictAddressFamilies=~AF_UNIX", "PrivateNetwork=", "IPAddressDeny=",
+             "SystemCallFilter=~@privileged", "SystemCallFilter=~@resources", "PrivateUsers=",
+             "ProcSubset=", "RemoveIPC=", "RootDirectory=/RootImage=", "PrivateMounts=",
+             "DeviceAllow="}
 # Where systemd is the first process of a machine that has nothing but the unit.
 BOOT = f"""set -e
 mount -t proc proc /proc
@@ -63,6 +73,13 @@ class Files(unittest.TestCase):
             unit.write_text(re.sub("^ExecStart=/usr/bin/failover$", "ExecStart=/bin/true", text,
                                    flags=re.MULTILINE), encoding="utf-8")
             self.assertEqual(run_command("systemd-analyze", "verify", "--man=no", str(unit)), "")
+
+    def test_the_unit_is_closed(self):
+        """As systemd itself sees it, up to what is left open."""
+        told = json.loads(run_command("systemd-analyze", "security", "--offline=yes",
+                                      "--json=short", str(SAMPLES / "failover.service")))
+        self.assertGreater(len(told), 60)
+        self.assertEqual({item["name"] for item in told if item["set"] is False} - LEFT_OPEN, set())
 
 
 class Service(unittest.TestCase):
@@ -121,13 +138,16 @@ class Service(unittest.TestCase):
                     found.append(int(process.name))
         return found
 
-    def configure(self):
-        """The servers only: the connection and the networks are imported."""
+    def configure_servers(self):
+        """The connection and the networks are imported."""
         for words in (("server", "1", f"{NET1.server}:{PORT}"),
                       ("server", "2", f"{NET2.server}:{PORT}"), ("enabled", "on")):
             done = self._lab.run_as("failover", str(DEVICE / "hoplanectl"), "--app", "failover",
                                     "set", *words)
             self.assertEqual(done[0], 0, done)
+
+    @staticmethod
+    def write_device_file():
         DEVICE_FILE.write_text(
             f"[NetworkConnections]\nconName={CONNECTION}\nMasterNet\\bDhcpEnabled=false\n"
             f"MasterNet\\ip={NET1.device}\nMasterNet\\mask=255.255.255.0\n"
@@ -137,11 +157,21 @@ class Service(unittest.TestCase):
     def test_unit(self):
         lab = self._lab
         lab.set_rule((SAMPLES / "50-failover.rules").read_text(encoding="utf-8"))
-        self.configure()
+        self.write_device_file()
         lab.start_server(NET2.server)
         manager = self.boot()
 
-        # A search over both networks.
+        # The import makes the configuration, for this user alone. Nothing is enabled yet.
+        self.expect_line("second  serverIp: ")
+        stored = HOMES / "failover/Documents/failover/switch.ini"
+        for path, mode in ((stored, 0o600), (stored.parent, 0o700)):
+            status = path.stat()
+            self.assertEqual((stat.S_IMODE(status.st_mode), status.st_uid),
+                             (mode, users.USERS["failover"]), path)
+
+        # A search over both networks, after a restart.
+        self.configure_servers()
+        os.kill(self.processes()[0], signal.SIGKILL)
         self.assertEqual(self.expect_line(f"use server {NET2.server} port {PORT}")[:3], "<6>")
         process, = self.processes()
         status = pathlib.Path(f"/proc/{process}/status").read_text(encoding="ascii")
@@ -151,9 +181,10 @@ class Service(unittest.TestCase):
         # Filtered.
         self.assertRegex(status, "Seccomp:\t2\n")
         # The import reached the file, and not only this process's memory of it.
-        stored = (HOMES / "failover/Documents/failover/switch.ini").read_text(encoding="utf-8")
-        self.assertIn(f"\nconnectionName={CONNECTION}\n", stored)
-        self.assertIn(f"\nFirstLocalIp={NET1.device}\n", stored)
+        values = stored.read_text(encoding="utf-8")
+        self.assertIn(f"\nconnectionName={CONNECTION}\n", values)
+        self.assertIn(f"\nFirstLocalIp={NET1.device}\n", values)
+        self.assertEqual(stat.S_IMODE(stored.stat().st_mode), 0o600)
         text = JOURNAL.read_text(encoding="utf-8")
         self.assertEqual(text.count("<7>[ tryConnectRemote ] connect to host fail: "), 10)
         self.assertIn("<4>[ slotFinish ]", text)
