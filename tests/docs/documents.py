@@ -376,8 +376,8 @@ SVG = "{http://www.w3.org/2000/svg}"
 
 def parts_of(svg):
     """What a picture shows, less what differs between versions of graphviz: of each node and edge
-    its title, its texts, where they are and how it is drawn. Places are those of the texts, from
-    the first one on, in points."""
+    its title, its texts, how it is drawn, where its texts are, and where an edge goes. Places are
+    in points, from the first text on."""
     root = xml.etree.ElementTree.fromstring(svg)
     shown, origin = [], None
     for group in root.iter(f"{SVG}g"):
@@ -393,8 +393,18 @@ def parts_of(svg):
         fills = {shape.get("fill") for shape in shapes
                  if shape.tag in (f"{SVG}path", f"{SVG}polygon")}
         shown.append((group.get("class"), group.findtext(f"{SVG}title"), texts, len(dashes),
-                      sorted(fills - {None}), place))
-    return sorted(shown, key=lambda part: part[:3])
+                      sorted(fills - {None}), place,
+                      road_of(shapes) if group.get("class") == "edge" else []))
+    # Nodes may be drawn after edges; the first text is known only then.
+    return sorted(((*part[:6], [(x - origin[0], y - origin[1]) for x, y in part[6]])
+                   for part in shown), key=lambda part: part[:3])
+
+
+def road_of(shapes):
+    """The points of an edge's line, and of its arrow."""
+    drawn = " ".join(shape.get("d") or shape.get("points") or "" for shape in shapes)
+    numbers = list(map(float, re.findall(r"-?\d+(?:\.\d+)?", drawn)))
+    return list(zip(numbers[::2], numbers[1::2]))
 
 
 class Pictures(unittest.TestCase):
@@ -426,6 +436,13 @@ class Pictures(unittest.TestCase):
                 for ours, theirs in zip(kept, expected):
                     for one, other in zip(ours[5] or (), theirs[5] or ()):
                         self.assertAlmostEqual(one, other, delta=4, msg=f"place of {ours[2]}")
+                    self.check_road(ours[1], ours[6], theirs[6])
+
+    def check_road(self, edge, ours, theirs):
+        self.assertEqual(len(ours), len(theirs), f"road of {edge}")
+        for point, expected in zip(ours, theirs):
+            for one, other in zip(point, expected):
+                self.assertAlmostEqual(one, other, delta=4, msg=f"road of {edge}")
 
     def test_their_background_is_white(self):
         for source in self.sources:
