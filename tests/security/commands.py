@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 """Whoever can write the configuration or the device's own settings runs commands as the
 application: the library hands the values to a shell as they are. hoplanectl refuses such values,
-and finds those that are there.
+and finds those that are there. And who can read the values.
 
   commands.py PROGRAM FAKE_NMCLI HOPLANECTL
 """
@@ -9,6 +9,7 @@ and finds those that are there.
 import os
 import pathlib
 import shutil
+import stat
 import subprocess
 import unittest
 
@@ -113,6 +114,55 @@ class Library(TestCase):
             self.search(arm)
             self.sees_two_passes(arm)
             self.assertFalse(PROOF.exists())
+
+
+class Readers(TestCase):
+    """What another user of the device can read."""
+
+    def sees_command(self, words):
+        """A shell and an nmcli that have the words among their arguments, for all to read."""
+        def found():
+            programs = set()
+            for process in pathlib.Path("/proc").glob("[0-9]*"):
+                try:
+                    line = (process / "cmdline").read_bytes().decode(errors="replace")
+                    if all(word in line for word in words):
+                        self.assertTrue((process / "cmdline").stat().st_mode & 0o004)
+                        programs.add((process / "comm").read_text(encoding="utf-8").strip())
+                except OSError:
+                    pass
+            return programs >= {"sh", "nmcli"}
+        wait_until(found, f"a command with {words}")
+
+    def test_commands_while_they_run(self):
+        for verb, words in (("lookup", ["its-name"]),
+                            ("modify", [*STATIC[:1], *STATIC[2:]])):
+            with self.subTest(verb):
+                self.setUp()
+                (FAKE / "scenario").write_text(f"{verb} slow\nlookup print 5e6c\\n\n",
+                                               encoding="ascii")
+                with application() as arm:
+                    arm.do("connection", "its-name")
+                    arm.do("first", "true", *STATIC)
+                    arm.do("second", "false", *STATIC)
+                    self.search(arm)
+                    self.sees_command(words)
+                    (FAKE / "released").touch()
+                    arm.see("setSecondStaticIpAddr")
+
+    def test_configuration_has_what_the_umask_leaves(self):
+        for umask, file, folder in ((0o022, 0o644, 0o755), (0o077, 0o600, 0o700)):
+            with self.subTest(f"{umask:03o}"):
+                self.setUp()
+                self.addCleanup(os.umask, os.umask(umask))
+                with application() as arm:
+                    arm.do("connection", "lan")
+                self.assertEqual(stat.S_IMODE(CONFIGURATION.stat().st_mode), file)
+                self.assertEqual(stat.S_IMODE(CONFIGURATION.parent.stat().st_mode), folder)
+                CONFIGURATION.chmod(0o640)
+                with application() as arm:
+                    arm.do("connection", "other")
+                self.assertEqual(stat.S_IMODE(CONFIGURATION.stat().st_mode), 0o640)
 
 
 class Tool(TestCase):

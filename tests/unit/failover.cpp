@@ -359,6 +359,7 @@ private Q_SLOTS:
     void bothStaticWithoutAnAddress_spinsUntilTheLimit();
 
     void switchingDisabled_signalsNothingAndKeepsTheState();
+    void switchingDisabled_logsALinkOnceForEachConnection();
     void switchingDisabledThenEnabled_isIdleAfterTheNextSearch();
     void noFile_isLikeSwitchingDisabled();
     void eachEntry_readsTheFileAfresh();
@@ -770,6 +771,18 @@ void FailoverTest::switchingDisabled_signalsNothingAndKeepsTheState()
     QCOMPARE(rig.takeSteps(), QStringList());
     QCOMPARE(rig.state(), 1);
     QVERIFY(rig.first.server.hasNoConnection());
+}
+
+void FailoverTest::switchingDisabled_logsALinkOnceForEachConnection()
+{
+    Rig rig;
+    rig.configure(false);
+    rig->start();
+    rig->start();
+    rig.log.clear();
+    Q_EMIT Peek::watcher(*rig)->addressChanged();
+    // The constructor's, and one of each request.
+    COMPARE_LOG(rig.log, (changeLine + busyLine + changeLine + busyLine + changeLine + busyLine));
 }
 
 void FailoverTest::switchingDisabledThenEnabled_isIdleAfterTheNextSearch()
