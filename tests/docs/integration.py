@@ -9,7 +9,7 @@ Usage: integration.py SOURCE_FOLDER LIBRARY HOPLANECTL
 import os
 import pathlib
 import re
-import shlex
+import stat
 import subprocess
 import sys
 import tempfile
@@ -111,15 +111,18 @@ class Guide(unittest.TestCase):
                 self.assertIn(option, done.stdout)
 
     def test_configuration_of_the_service(self):
-        """The guide's own commands, with the tool in place of its function for the user."""
-        commands = re.findall(r"^configure (.*)$", "".join(blocks("sh")), re.MULTILINE)
-        self.assertEqual(len(commands), 6)
+        """The guide's own commands, as the caller instead of the service's user."""
+        commands, = [block for block in blocks("sh") if "configure() {" in block]
+        stubs = 'runuser() { shift 3; "$@"; }; install() { :; }; systemctl() { :; }; set -eu\n'
         with tempfile.TemporaryDirectory() as home:
-            for command in commands:
-                done = run(str(HOPLANECTL), "--app", "failover", *shlex.split(command),
-                           env={**os.environ, "HOME": home, "XDG_CONFIG_HOME": home})
-                self.assertEqual(done.returncode, 0, done.stdout)
-            stored = (pathlib.Path(home) / "Documents/failover/switch.ini").read_text("utf-8")
+            done = run("sh", "-c", stubs + commands.replace("/var/lib/failover", home),
+                       env={**os.environ, "PATH": f"{HOPLANECTL.parent}:{os.environ['PATH']}",
+                            "XDG_CONFIG_HOME": home})
+            self.assertEqual(done.returncode, 0, done.stdout)
+            file = pathlib.Path(home) / "Documents/failover/switch.ini"
+            stored = file.read_text(encoding="utf-8")
+            self.assertEqual(stat.S_IMODE(file.stat().st_mode), 0o600)
+            self.assertEqual(stat.S_IMODE(file.parent.stat().st_mode), 0o700)
         for line in ("SwitchEnable=true", "connectionName=lan", "FirstServerIp=198.51.100.1",
                      "FirstIsAutomatically=true", "SecondServerIp=192.0.2.1",
                      "SecondIsAutomatically=false"):
