@@ -13,6 +13,8 @@
 
 namespace {
 
+constexpr int limitMs = 15000;
+
 int failures = 0;
 int starts = 0;
 QByteArray warnings;
@@ -26,7 +28,8 @@ void check(bool right, const char *what, int line)
 }
 
 #define CHECK(condition) check(condition, #condition, __LINE__)
-#define REACHES(condition) check(QTest::qWaitFor([&] { return condition; }), #condition, __LINE__)
+#define REACHES(condition) \
+    check(QTest::qWaitFor([&] { return condition; }, limitMs), #condition, __LINE__)
 
 // The time of a timer need not be waited for.
 void expire(QTimer *timer)
