@@ -617,6 +617,25 @@ class Values(Case):
         write(APP, GOOD | SECOND_STATIC | {"SecondLocalGateWay": ""})
         self.expect_findings({"networks": warning("network 2 has no gateway")})
 
+    def test_both_static_and_a_part_of_both_addresses(self):
+        """Also where the connection's own interface has it."""
+        for address, second, skips in (("10.0.0.2", "10.0.0.22", True),
+                                       ("10.0.0.2", "10.0.1.22", False),
+                                       ("10.0.0.21", "10.0.0.22", False)):
+            with self.subTest(address=address, second=second), contextlib.ExitStack() as stack:
+                add_interface(stack.callback, "eth9", address + "/24")
+                nmcli({LIST: (LAN[:-2] + "eth9", 0), DEVICES: ("eth9:ethernet:connected", 0)})
+                write(APP, GOOD | SECOND_STATIC | {
+                    "FirstLocalIp": "10.0.0.21", "FirstLocalGateWay": "10.0.0.254",
+                    "SecondLocalIp": second,
+                    "SecondLocalGateWay": second[:second.rindex(".")] + ".254"})
+                result = self.run_check("check", "--json")
+                self.compare_item("networks", [fault(
+                    f"the device has the address {address} now, and this text is a part of "
+                    f"10.0.0.21 and of {second}: a search skips both, and fails after 120 s",
+                    SETTING + "network 2 --address IP/24") if skips else good("does not skip both")
+                    ], [row for row in result.objects if row.get("item") == "networks"], result)
+
     def test_current_address(self):
         """As the library finds it: of the last interface of all that broadcast, and no
         link-local one."""

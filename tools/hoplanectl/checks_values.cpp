@@ -153,6 +153,20 @@ void judgeLikeness(const Situation &situation, int own, Findings *found)
             networkCommand(situation, 1 - own, other)));
 }
 
+// With the address that the device has now, as the library compares: by a part of the text.
+void judgeSkippingNow(const Situation &situation, const QString &current, Findings *found)
+{
+    const QString &first = situation.settings.networks[0].ip;
+    const QString &second = situation.settings.networks[1].ip;
+    if (!first.contains(current) || !second.contains(current))
+        return;
+    found->append(Finding::fault(
+            QStringLiteral("the device has the address %1 now, and this text is a part of %2 and "
+                           "of %3: a search skips both, and fails after 120 s")
+                    .arg(current, first, second),
+            networkCommand(situation, 1, second)));
+}
+
 // What the library leaves out of its command stays in the profile as the other network had it.
 void judgeLeftovers(const Situation &situation, int index, Findings *found)
 {
@@ -195,6 +209,8 @@ Findings bothStatic(const Situation &situation)
                                                 "connection.autoconnect yes; nmcli connection "
                                                 "up %1")
                                          .arg(Check::quoted(name))));
+    else
+        judgeSkippingNow(situation, current, &found);
     if (found.isEmpty())
         found.append(Finding::good(
                 QStringLiteral("both are static, and the device has an address now, %1: a search "
