@@ -45,18 +45,37 @@ FILES = "-t -f UUID,FILENAME connection show"
 PERMISSIONS = "-t -f PERMISSION,VALUE general permissions"
 INTERFACE = f"-g connection.interface-name connection show uuid {UUID}"
 USERS = f"-g connection.permissions connection show uuid {UUID}"
-ADAPTER = f"-g 802-3-ethernet.mac-address connection show uuid {UUID}"
+BINDINGS = {name: f"-g {name} connection show uuid {UUID}" for name in (
+    "802-3-ethernet.mac-address", "802-3-ethernet.mac-address-blacklist", "match.interface-name",
+    "match.driver", "match.path", "match.kernel-command-line")}
+LOGIN = f"-g 802-1x.eap connection show uuid {UUID}"
 BRIDGE = f"-g connection.master connection show uuid {UUID}"
 ITSELF = f"-g connection.autoconnect connection show uuid {UUID}"
 NO_DEFAULT = f"-g ipv4.never-default connection show uuid {UUID}"
 OPTION = "-g connection.uuid --version"
 LAN = f"lan:{UUID}:802-3-ethernet:lo"
+
+
+def fitting(name):
+    """The question which profiles fit an interface."""
+    return ("-t -f GENERAL.STATE,WIRED-PROPERTIES.CARRIER,CONNECTIONS.AVAILABLE-CONNECTIONS "
+            f"device show {name}")
+
+
+def fits(*uuids, state="100 (connected)", carrier="on"):
+    """The answer to it."""
+    return "\n".join([f"GENERAL.STATE:{state}", f"WIRED-PROPERTIES.CARRIER:{carrier}", *(
+        f"CONNECTIONS.AVAILABLE-CONNECTIONS[{number}]:{uuid} | x\\:y"
+        for number, uuid in enumerate(uuids, 1))]), 0
+
+
 # The loopback interface plays the wired one: it has a carrier.
 ANSWERS = {
     "--version": ("nmcli tool, version 1.42.4", 0), OPTION: ("nmcli tool, version 1.42.4", 0),
     RUNNING: ("running:1.42.4:connected", 0), LIST: (LAN, 0), NAMED: (UUID, 0),
-    INTERFACE: ("lo", 0), ADAPTER: ("", 0), BRIDGE: ("", 0), ITSELF: ("yes", 0),
-    NO_DEFAULT: ("no", 0),
+    INTERFACE: ("lo", 0), BRIDGE: ("", 0), ITSELF: ("yes", 0),
+    NO_DEFAULT: ("no", 0), LOGIN: ("", 0), **{question: ("", 0) for question in BINDINGS.values()},
+    **{fitting(name): fits(OTHER_UUID, UUID) for name in ("lo", "eth9", "wlan0")},
     DEVICES: ("lo:ethernet:connected", 0), FILES: (f"{UUID}:{PROFILE}", 0), USERS: ("", 0),
     PERMISSIONS: (f"{PERMISSION}network-control:yes\n{PERMISSION}settings.modify.own:yes\n"
                   f"{PERMISSION}settings.modify.system:yes", 0)}
@@ -164,7 +183,7 @@ class Everything(Case):
         calls = CALLS.read_text(encoding="utf-8").splitlines()
         self.assertTrue(calls)
         for call in calls:
-            self.assertRegex(call, r"--version$|(general|permissions|device status)$"
+            self.assertRegex(call, r"--version$|(general|permissions|device status|device show lo)$"
                                    r"|connection show( lan| uuid \S+)?$")
 
     def test_text_says_what_json_says(self):
@@ -891,17 +910,45 @@ class TheConnection(Case):
         nmcli({LIST: (LAN[:-2] + "eth9", 0), DEVICES: ("eth9:ethernet:unavailable", 0)})
         self.expect_findings({"interface": warning("eth9 has no carrier", "plug the cable in")})
 
-    def test_hardware_address(self):
-        idle, own, other = (LAN[:-2], 0), "00:00:00:00:00:00", r"02\:00\:00\:00\:00\:0A"
-        for answers, finding in (
-                ({LIST: idle, ADAPTER: (own.replace(":", r"\:"), 0)}, good("lo, connected")),
-                ({LIST: idle, ADAPTER: (other, 0)}, fault(
-                    f"the profile is for the hardware address 02:00:00:00:00:0A, and lo has {own}",
-                    f"nmcli connection modify uuid {UUID} 802-3-ethernet.mac-address ''")),
-                # Where it is active it does fit, whatever the address is now.
-                ({ADAPTER: (other, 0)}, good("lo, connected"))):
-            nmcli(answers)
-            self.expect_findings({"interface": finding})
+    def test_profile_of_another_device(self):
+        """NetworkManager tells which profiles fit, and the profile what it is bound to."""
+        other, does_not = fits(OTHER_UUID), "the profile does not fit lo, and NetworkManager does"
+        modify = f"nmcli connection modify uuid {UUID}"
+        table = [
+            ({}, good("lo, connected")),
+            ({fitting("lo"): other}, fault(
+                does_not, f"nmcli connection up uuid {UUID}, which tells the reason")),
+            ({fitting("lo"): fits()}, fault(does_not)),
+            ({fitting("lo"): fits("x" + UUID)}, fault(does_not)),
+            ({fitting("lo"): fits(state="30 (disconnected)")}, fault(does_not)),
+            # What it says before it has noticed the carrier means nothing.
+            ({fitting("lo"): fits(state="20 (unavailable)")}, good("lo, connected")),
+            ({fitting("lo"): fits(carrier="off")}, good("lo, connected")),
+            ({fitting("lo"): (NOT_RUNNING, 8)}, fault(NOT_RUNNING)),
+            # Active all the same, since it was bound later.
+            ({fitting("lo"): other, INTERFACE: ("eth5", 0)}, fault(
+                does_not + " not activate it: connection.interface-name is eth5",
+                modify + " connection.interface-name ''"))]
+        for name, question in BINDINGS.items():
+            table.append(({fitting("lo"): other, question: (r"02\:00\:00\:00\:00\:0A", 0)}, fault(
+                f"{does_not} not activate it: {name} is 02:00:00:00:00:0A", f"{modify} {name} ''")))
+        table.append(({fitting("lo"): other, BINDINGS["match.driver"]: ("a", 0),
+                       BINDINGS["match.path"]: ("b", 0)}, fault(
+                           "activate it: match.driver is a, match.path is b",
+                           modify + " match.driver '' match.path ''")))
+        for answers, finding in table:
+            with self.subTest(answers=answers):
+                nmcli(answers)
+                self.expect_findings({"interface": finding})
+
+    def test_login(self):
+        """Where it is active the login has succeeded."""
+        nmcli({LOGIN: ("md5", 0)})
+        self.expect_findings({})
+        nmcli({LOGIN: ("md5", 0), LIST: (LAN[:-2], 0)})
+        self.expect_findings({"interface": warning(
+            "the profile wants a login at the wired port (802.1X, md5): where that fails, so does "
+            "each activation", f"nmcli connection modify uuid {UUID} remove 802-1x")})
 
     def test_bad_profile(self):
         modify = f"nmcli connection modify uuid {UUID} "

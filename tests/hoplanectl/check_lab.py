@@ -270,16 +270,70 @@ class Interface(LaboratoryCase):
         run("nmcli", "device", "set", "eth0", "managed", "yes")
         self.expect_findings({})
 
-    def test_another_hardware_address(self):
-        self.raise_laboratory()
-        run("nmcli", "connection", "modify", CONNECTION, "802-3-ethernet.mac-address",
-            "02:00:00:00:00:0A")
-        # NetworkManager refuses indeed.
+    def refused(self):
+        """NetworkManager does not activate the connection; returns the finding's remedy."""
         self.assertIn("Error", run("nmcli", "connection", "up", CONNECTION, check=False))
-        result = self.expect_findings({"interface": fault(
-            "the profile is for the hardware address 02:00:00:00:00:0A, and eth0 has ")})
+        rows = self.run_check("check", "--json").objects
+        found, = (row for row in rows if row.get("item") == "interface")
+        self.assertEqual(found["level"], "fault", found)
+        self.assertIn("the profile does not fit eth0, and NetworkManager does not activate it: ",
+                      found["text"])
+        return found["remedy"]
+
+    def test_profile_of_another_device(self):
+        self.raise_laboratory()
+        address = pathlib.Path("/sys/class/net/eth0/address").read_text("ascii").strip()
+        for setting, value in (("802-3-ethernet.mac-address", "02:00:00:00:00:0A"),
+                               ("802-3-ethernet.mac-address-blacklist", address),
+                               ("match.interface-name", "eth5"), ("match.driver", "e1000"),
+                               ("match.path", "pci-0000:00:19.0"),
+                               ("match.kernel-command-line", "not-there=1")):
+            for active in (False, True):
+                with self.subTest(setting=setting, active=active):
+                    run("nmcli", "connection", "up" if active else "down", CONNECTION,
+                        check=active)
+                    run("nmcli", "connection", "modify", CONNECTION, setting, value)
+                    remedy = self.refused()
+                    self.assertIn(setting, remedy)
+                    # The remedy is one.
+                    run("sh", "-c", remedy)
+                    self.expect_findings({})
+                    run("nmcli", "connection", "up", CONNECTION)
+
+    def test_hardware_address(self):
+        """What counts is the address that the adapter had from the beginning, in any letters."""
+        self.raise_laboratory()
+        file, changed = pathlib.Path("/sys/class/net/eth0/address"), "02:00:00:00:ab:cd"
+        own = file.read_text("ascii").strip()
+
+        def name(address):
+            run("nmcli", "connection", "modify", CONNECTION, "802-3-ethernet.mac-address", address)
+
+        def expect_fitting():
+            self.expect_findings({})
+            run("nmcli", "connection", "up", CONNECTION)
+            run("nmcli", "connection", "down", CONNECTION)
+
+        for spelling in (own, own.upper()):
+            name(spelling)
+            expect_fitting()
+        # As a board's start script does.
+        run("ip", "link", "set", "eth0", "address", changed)
+        self.assertEqual(file.read_text("ascii").strip(), changed)
+        expect_fitting()
+        for spelling in (changed, changed.upper()):
+            name(spelling)
+            self.refused()
+
+    def test_login(self):
+        self.raise_laboratory()
+        run("nmcli", "connection", "modify", CONNECTION, "802-1x.eap", "md5", "802-1x.identity",
+            "x", "802-1x.password", "y")
+        self.assertIn("Error", run("nmcli", "connection", "up", CONNECTION, check=False))
+        result = self.expect_findings({"interface": warning("a login at the wired port (802.1X, "
+                                                            "md5)")})
         remedy, = (row["remedy"] for row in result.objects if row.get("item") == "interface")
-        run("sh", "-c", remedy)
+        run("sh", "-c", remedy[remedy.rindex("nmcli connection modify"):])
         self.expect_findings({})
         run("nmcli", "connection", "up", CONNECTION)
 

@@ -175,21 +175,85 @@ std::optional<Finding> findInterface(Situation *situation, const Answer &devices
     return std::nullopt;
 }
 
-// Whether the profile is for another network adapter; of an active one nobody needs to ask.
-std::optional<Finding> forAnotherAdapter(const Situation &situation)
+// The settings of a profile that bind it to certain devices, and what they are set to here.
+QStringList bindings(const Connection &connection, const QString &interface, QStringList *settings)
 {
+    QStringList told;
+    for (const QString &name :
+         { QStringLiteral("connection.interface-name"),
+           QStringLiteral("802-3-ethernet.mac-address"),
+           QStringLiteral("802-3-ethernet.mac-address-blacklist"),
+           QStringLiteral("match.interface-name"), QStringLiteral("match.driver"),
+           QStringLiteral("match.path"), QStringLiteral("match.kernel-command-line") }) {
+        const QString value = property(connection, name);
+        // The interface's own name binds to nothing else.
+        if (value.isEmpty() || value == interface)
+            continue;
+        told.append(QStringLiteral("%1 is %2").arg(name, value));
+        settings->append(name);
+    }
+    return told;
+}
+
+// The profile is not for this device. Which of the settings it is, NetworkManager does not tell.
+Finding misfit(const Connection &connection, const QString &interface)
+{
+    QStringList settings;
+    const QStringList told = bindings(connection, interface, &settings);
+    const QString text =
+            QStringLiteral("the profile does not fit %1, and NetworkManager does not activate it")
+                    .arg(interface);
+    if (told.isEmpty())
+        return Finding::fault(text,
+                              QStringLiteral("nmcli connection up uuid %1, which tells the reason")
+                                      .arg(connection.uuid));
+    QString command = QStringLiteral("nmcli connection modify uuid %1").arg(connection.uuid);
+    for (const QString &setting : settings)
+        command += QStringLiteral(" %1 ''").arg(setting);
+    return Finding::fault(text + QStringLiteral(": ") + told.join(QStringLiteral(", ")), command);
+}
+
+// What keeps the profile from being activated on the interface. NetworkManager judges that itself,
+// but only of an interface whose carrier it has noticed.
+std::optional<Finding> notForThis(const Situation &situation)
+{
+    constexpr int disconnected = 30; // the lowest state in which connections can be activated
     const Connection &connection = *situation.connection;
-    const QString wanted = property(connection, QStringLiteral("802-3-ethernet.mac-address"));
-    QFile address(QStringLiteral("/sys/class/net/%1/address").arg(situation.interface));
-    if (!connection.device.isEmpty() || wanted.isEmpty() || !address.open(QIODevice::ReadOnly))
+    const Answer answer =
+            Nmcli::list(QStringLiteral("GENERAL.STATE,WIRED-PROPERTIES.CARRIER,"
+                                       "CONNECTIONS.AVAILABLE-CONNECTIONS"),
+                        { QStringLiteral("device"), QStringLiteral("show"), situation.interface });
+    if (answer.outcome != Answer::Answered)
+        return unanswered(answer);
+    int state = 0;
+    bool carrier = false;
+    bool fits = false;
+    for (const QStringList &row : answer.rows) {
+        if (row.value(0) == QLatin1String("GENERAL.STATE"))
+            state = row.value(1).section(QLatin1Char(' '), 0, 0).toInt();
+        else if (row.value(0) == QLatin1String("WIRED-PROPERTIES.CARRIER"))
+            carrier = row.value(1) == QLatin1String("on");
+        else
+            fits = fits || row.value(1).startsWith(connection.uuid);
+    }
+    if (state < disconnected || !carrier || fits)
         return std::nullopt;
-    const QString own = QString::fromLatin1(address.readAll().trimmed());
-    if (wanted.compare(own, Qt::CaseInsensitive) == 0)
+    return misfit(connection, situation.interface);
+}
+
+// A port that has to be opened first may stay closed; where the connection is active it is open.
+std::optional<Finding> withLogin(const Connection &connection)
+{
+    const QString eap = property(connection, QStringLiteral("802-1x.eap"));
+    if (eap.isEmpty() || !connection.device.isEmpty())
         return std::nullopt;
-    return Finding::fault(
-            QStringLiteral("the profile is for the hardware address %1, and %2 has %3")
-                    .arg(wanted, situation.interface, own),
-            QStringLiteral("nmcli connection modify uuid %1 802-3-ethernet.mac-address ''")
+    return Finding::warning(
+            QStringLiteral("the profile wants a login at the wired port (802.1X, %1): where that "
+                           "fails, so does each activation")
+                    .arg(eap),
+            QStringLiteral("nmcli connection up uuid %1, to see whether it succeeds; if the "
+                           "network has no such login, nmcli connection modify uuid %1 remove "
+                           "802-1x")
                     .arg(connection.uuid));
 }
 
@@ -382,9 +446,11 @@ Findings Check::interface(Situation &situation)
         return { Finding::fault(
                 QStringLiteral("NetworkManager leaves %1 alone (unmanaged)").arg(interface),
                 QStringLiteral("nmcli device set %1 managed yes").arg(interface)) };
-    if (const std::optional<Finding> finding = forAnotherAdapter(situation))
-        return { *finding };
     if (const std::optional<Finding> finding = withoutCarrier(interface))
+        return { *finding };
+    if (const std::optional<Finding> finding = notForThis(situation))
+        return { *finding };
+    if (const std::optional<Finding> finding = withLogin(*situation.connection))
         return { *finding };
     const Findings skipped = skippedForAnother(situation);
     if (!skipped.isEmpty())
