@@ -282,7 +282,7 @@ class File(Case):
         self.expect_findings(
             WITHOUT_FILE | {"file": fault(
                 f"{path_of(APP)} cannot be read by the user root: Permission denied",
-                f"run the check as the application's user; or chown root {path_of(APP)}")},
+                f"run the check as the application's user; or chown root:root {path_of(APP)}")},
             within=powerless)
 
     def test_contents(self):
@@ -497,7 +497,7 @@ class Trust(Case):
                 with self.subTest(path=path, who=who):
                     self.expect_findings(
                         self.others(who, path, "run the check as the application's user; or "
-                                               f"chown root {path}"),
+                                               f"chown root:root {path}"),
                         environment={"SURROUNDINGS_OWNER": f"{number} {path}"})
 
     def test_behind_a_link(self):
@@ -1096,6 +1096,10 @@ class DeviceFile(Case):
                 fault('its group SlaveNet: "": the address has to be')]),
             (["[NetworkConnections]", "conName=lan"], warning(
                 self.OVERWRITTEN + "network 1 becomes automatic addressing (DHCP) (now " + now)),
+            # A group below the group hides what stands before it.
+            ([*same[:1], "conName=wan", "[NetworkConnections/MasterNet]", "ip=10.1.0.3"], [
+                warning((self.OVERWRITTEN + 'the connection becomes "" (now "lan")', "network 1")),
+                warning("it has no conName: the next start of the application empties")]),
             (["[General]", "conName=lan"], fault(
                 f"{DEVICE_FILE}: it has no group NetworkConnections. {empties}",
                 f"mv {DEVICE_FILE} {DEVICE_FILE}.old")),
@@ -1105,6 +1109,20 @@ class DeviceFile(Case):
             with self.subTest(lines=lines):
                 DEVICE_FILE.write_text("\n".join(lines) + "\n", encoding="utf-8")
                 self.expect_findings({"device-file": finding})
+
+    def test_it_cannot_be_stored(self):
+        """The library uses what it has imported all the same, until it ends."""
+        DEVICE_FILE.write_text("\n".join([*self.SAME[:1], "conName=wan", *self.SAME[2:]]),
+                               encoding="utf-8")
+        lan = 'the connection becomes "wan" (now "lan")'
+        self.expect_findings({"device-file": warning(self.OVERWRITTEN + lan)})
+        path_of(APP).chmod(0o444)
+        powerless = ["/usr/bin/setpriv", "--bounding-set=-all", "--inh-caps=-all"]
+        self.expect_findings({
+            "file": fault(f"{path_of(APP)} cannot be written by the user root: Permission denied",
+                          f"chmod u+w {path_of(APP)}"),
+            "device-file": warning(f"{self.OVERWRITTEN}{lan}; until it ends only, as it cannot "
+                                   "store them")}, within=powerless)
 
     def test_set_tells_of_it(self):
         """What the next start overwrites is told at once, and nothing else is."""

@@ -3,8 +3,11 @@
 afterwards. Its arguments are the library and the tool. Enters a user namespace of several users
 first, then script/sandbox."""
 
+import contextlib
+import grp
 import os
 import pathlib
+import pwd
 import shutil
 import subprocess
 import sys
@@ -32,6 +35,30 @@ def as_user(user, *arguments):
                           group=user, extra_groups=[], check=False, cwd="/",
                           env=os.environ | {"LD_LIBRARY_PATH": str(DEVICE)})
     return tool.Result(done)
+
+
+def names(user):
+    """The user's name and his group's; their numbers where they have none."""
+    with contextlib.suppress(KeyError):
+        return pwd.getpwuid(user).pw_name, grp_name(user)
+    return str(user), grp_name(user)
+
+
+def grp_name(group):
+    with contextlib.suppress(KeyError):
+        return grp.getgrgid(group).gr_name
+    return str(group)
+
+
+def chown_to(user):
+    return "chown " + ":".join(names(user))
+
+
+def file_item(user):
+    """What `check` says of the file to this user."""
+    result = as_user(user, "check", "--json")
+    found, = (row for row in result.objects if row.get("item") == "file")
+    return found
 
 
 def setUpModule():  # noqa: N802
@@ -99,9 +126,106 @@ class Owner(tool.TestCase):
         result = as_user(OTHER, "set", "enabled", "off")
         self.assertEqual((result.status, result.out), (1, ""))
         self.assertIn("nothing is changed: ", result.err)
-        self.assertIn("its owner cannot be kept", result.err)
+        self.assertIn(f"the user {names(OTHER)[0]} may not write it; run it as root, or "
+                      f"{chown_to(OTHER)} {path}\n", result.err)
         self.assertEqual(tool.state_of(path), before)
         self.assertEqual(os.listdir(path.parent), ["switch.ini"])
+
+    def test_who_may_write_the_file_may_not_take_it_over_either(self):
+        path = self.configured(0o666)
+        path.parent.chmod(0o777)
+        before = tool.state_of(path)
+        result = as_user(OTHER, "set", "enabled", "off")
+        self.assertEqual((result.status, result.out), (1, ""))
+        self.assertIn("its owner cannot be kept: Operation not permitted; run it as root, or "
+                      f"{chown_to(OTHER)} {path}\n", result.err)
+        self.assertEqual(tool.state_of(path), before)
+
+    def test_group_that_the_owner_is_not_in(self):
+        """His own takes its place, unless that gave or took somebody rights."""
+        for mode, kept in ((0o600, True), (0o644, True), (0o664, False), (0o640, False),
+                           (0o604, False)):
+            with self.subTest(mode=oct(mode)):
+                path = self.configured(mode)
+                os.chown(path, OWNER, 0)
+                before = tool.state_of(path)
+                result = as_user(OWNER, "set", "enabled", "off")
+                self.assertEqual(result.status, int(not kept), result)
+                if kept:
+                    self.assertEqual(owner_of(path), (OWNER, OWNER))
+                    self.assertEqual(path.stat().st_mode & 0o7777, mode)
+                    continue
+                self.assertIn("its group cannot be kept: Operation not permitted; run it as root, "
+                              f"or {chown_to(OWNER)} {path}\n", result.err)
+                self.assertEqual(tool.state_of(path), before)
+                # What it says helps.
+                subprocess.run(result.err.split(" or ")[1].split(), check=True)
+                self.assertEqual(as_user(OWNER, "set", "enabled", "off").status, 0)
+
+    def test_the_remedy_of_check_makes_set_possible(self):
+        """What the user may read and not write, the library cannot save to. `check` tells it, `set`
+        tells it, and what they advise helps."""
+        def link(path):
+            path.rename(path.parent / "real.ini")
+            path.symlink_to("real.ini")
+
+        def foreign_link(path):
+            os.chown(path.parent, 0, 0)
+            target = tool.HOME / "target"
+            target.mkdir(exist_ok=True)
+            os.chown(target, OWNER, OWNER)
+            path.rename(target / "switch.ini")
+            path.symlink_to(target / "switch.ini")
+
+        table = [
+            # What is done to the file, and what is wrong with which path then.
+            (lambda path: os.chown(path, 0, 0), 0o600, "{path} cannot be read by the user {user}",
+             "{chown} {path}"),
+            (lambda path: os.chown(path, 0, 0), 0o644,
+             "{path} cannot be written by the user {user}: Permission denied; what the "
+             "application saves or imports is lost", "{chown} {path}"),
+            (lambda path: path.chmod(0o444), 0o644,
+             "{path} cannot be written by the user {user}: Permission denied",
+             "chmod u+w {path}"),
+            (lambda path: os.chown(path.parent, 0, 0), 0o644,
+             "{folder} cannot be written by the user {user}", "{chown} {folder}"),
+            (lambda path: path.parent.chmod(0o555), 0o644,
+             "{folder} cannot be written by the user {user}", "chmod u+wx {folder}"),
+            (foreign_link, 0o644, "{folder} cannot be written by the user {user}",
+             "{chown} {folder}"),
+            (lambda path: (link(path), os.chown(path, 0, 0)), 0o644,
+             "{folder}/real.ini cannot be written by the user {user}",
+             "{chown} {folder}/real.ini"),
+        ]
+        for number, (spoil, mode, text, remedy) in enumerate(table):
+            with self.subTest(number=number):
+                tool.remove_all()
+                DOCUMENTS.mkdir()
+                os.chown(DOCUMENTS, OWNER, OWNER)
+                path = self.configured(mode)
+                self.assertEqual(file_item(OWNER)["level"], "good")
+                spoil(path)
+                words = {"path": path, "folder": path.parent, "user": names(OWNER)[0],
+                         "chown": chown_to(OWNER)}
+                found = file_item(OWNER)
+                self.assertEqual(found["level"], "fault", found)
+                self.assertTrue(found["text"].startswith(text.format(**words)), found)
+                command = found["remedy"].rpartition("; or ")[2]
+                self.assertEqual(command, remedy.format(**words))
+                self.assertEqual(as_user(OWNER, "set", "enabled", "off").status,
+                                 # The tool locks beside what a link leads to.
+                                 int(spoil is not foreign_link))
+                subprocess.run(command.split(), check=True)
+                self.assertEqual(file_item(OWNER)["level"], "good")
+                done = as_user(OWNER, "set", "enabled", "off")
+                self.assertEqual((done.status, done.err), (0, ""), done)
+
+    def test_write_protected_file(self):
+        path = self.configured(0o444)
+        result = as_user(OWNER, "set", "enabled", "off")
+        self.assertEqual((result.status, result.out, result.err), (
+            1, "", f"hoplanectl: nothing is changed: {path}: it is write-protected; chmod u+w "
+                   f"{path}\n"))
 
 
 def main():

@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 #include <QRegularExpression>
 
+#include <grp.h>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -166,6 +167,14 @@ QString Check::user()
 {
     const passwd *const entry = getpwuid(geteuid());
     return entry ? QString::fromLocal8Bit(entry->pw_name) : QString::number(geteuid());
+}
+
+QString Check::chown(const QString &path)
+{
+    const group *const entry = getgrgid(getegid());
+    const QString name =
+            entry ? QString::fromLocal8Bit(entry->gr_name) : QString::number(getegid());
+    return QStringLiteral("chown %1:%2 %3").arg(user(), name, quoted(path));
 }
 
 int runCheck(Context &context, const Command &command, const QStringList &arguments)

@@ -49,6 +49,7 @@ struct Situation
     QString app; // the name given with --app, empty if there was none
     QString path; // of the file; empty if no application has one
     bool readable = false; // the file is there and `settings` is what the library reads
+    bool storable = true; // as far as is known
     Settings settings;
     QString nmcliVersion; // empty if there is no nmcli
     QString managerTrouble; // why NetworkManager cannot be asked; known after its own item
@@ -68,6 +69,8 @@ QString shown(const QString &text);
 QString quoted(const QString &word);
 // The name of the user whom the check runs as.
 QString user();
+// The command that gives the file, or the folder, to that user and his group.
+QString chown(const QString &path);
 // What keeps files in the folder from being written, with what comes of it; nothing if nothing
 // does.
 std::optional<Finding> unwritable(const QString &folder, const QString &consequence);

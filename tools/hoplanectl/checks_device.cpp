@@ -108,7 +108,7 @@ Findings Check::deviceFile(Situation &situation)
     DeviceSettings settings;
     const QString reason = settings.load(path);
     if (!reason.isEmpty())
-        return { Finding::fault(DeviceSettings::announcement(situation.path, situation.settings),
+        return { Finding::fault(DeviceSettings::emptying(reason),
                                 QStringLiteral("mv %1 %1.old").arg(path)) };
     if (situation.path.isEmpty())
         return { Finding::notJudged(
@@ -117,10 +117,15 @@ Findings Check::deviceFile(Situation &situation)
     Settings after = situation.settings;
     changes.applyTo(&after);
     Findings found;
-    const QString announced = DeviceSettings::announcement(situation.path, situation.settings);
+    const QString announced =
+            DeviceSettings::announcement(situation.path, settings, situation.settings);
+    // The library goes on with what it could not store.
+    const QString until = situation.storable
+            ? QString()
+            : QStringLiteral("; until it ends only, as it cannot store them");
     if (!announced.isEmpty())
         found.append(Finding::warning(
-                announced,
+                announced + until,
                 QStringLiteral("correct %1, which comes first; or mv %1 %1.old").arg(path)));
     judgeImported(situation, after, &found);
     if (found.isEmpty())

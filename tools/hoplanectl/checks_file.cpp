@@ -11,13 +11,21 @@
 #include <QFileInfo>
 #include <QHash>
 
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 namespace {
+
+QString asOwner(const QString &path)
+{
+    return QStringLiteral("run the check as the application's user; or ") + Check::chown(path);
+}
 
 // Why the library could not read the file; nothing if it can.
 std::optional<Finding> unreadable(const Situation &situation)
@@ -39,9 +47,7 @@ std::optional<Finding> unreadable(const Situation &situation)
     if (!file.open(QIODevice::ReadOnly))
         return Finding::fault(QStringLiteral("%1 cannot be read by the user %2: %3")
                                       .arg(path, Check::user(), file.errorString()),
-                              QStringLiteral("run the check as the application's user; or chown "
-                                             "%1 %2")
-                                      .arg(Check::user(), Check::quoted(path)));
+                              asOwner(path));
     return std::nullopt;
 }
 
@@ -235,8 +241,7 @@ std::optional<Finding> writableByOthers(const QString &path)
     if (state.st_uid != 0 && state.st_uid != geteuid())
         return Finding::fault(
                 QStringLiteral("the user %1 may write %2%3").arg(owner, path, consequence),
-                QStringLiteral("run the check as the application's user; or chown %1 %2")
-                        .arg(Check::user(), Check::quoted(path)));
+                asOwner(path));
     // In a folder with this bit everybody may replace his own files only.
     if (S_ISDIR(state.st_mode) && (state.st_mode & S_ISVTX) != 0)
         return std::nullopt;
@@ -250,6 +255,33 @@ std::optional<Finding> writableByOthers(const QString &path)
         return Finding::fault(
                 QStringLiteral("the group %1 may write %2%3").arg(name, path, consequence),
                 QStringLiteral("chmod g-w %1").arg(Check::quoted(path)));
+    }
+    return std::nullopt;
+}
+
+// Whether this user's programs may write the file, or make files in the folder.
+bool isWritable(const QString &path, const struct stat &state)
+{
+    const int wanted = S_ISDIR(state.st_mode) ? W_OK | X_OK : W_OK;
+    return faccessat(AT_FDCWD, QFile::encodeName(path).constData(), wanted, AT_EACCESS) == 0;
+}
+
+// What keeps this user from saving; nothing if nothing does. The library makes its lock beside the
+// name and the new file beside what a link leads to, and wants to be allowed to write the old one.
+std::optional<Finding> notPermitted(const QString &path, const QString &consequence)
+{
+    const QString target = QFileInfo(path).canonicalFilePath();
+    for (const QString &part : { QFileInfo(path).path(), QFileInfo(target).path(), target }) {
+        struct stat state = {};
+        if (stat(QFile::encodeName(part).constData(), &state) != 0 || isWritable(part, state))
+            continue;
+        const QString error = Text::ofError(errno);
+        const QString chmod = S_ISDIR(state.st_mode) ? QStringLiteral("chmod u+wx ")
+                                                     : QStringLiteral("chmod u+w ");
+        return Finding::fault(QStringLiteral("%1 cannot be written by the user %2: %3; %4")
+                                      .arg(part, Check::user(), error, consequence),
+                              state.st_uid == geteuid() ? chmod + Check::quoted(part)
+                                                        : asOwner(part));
     }
     return std::nullopt;
 }
@@ -315,11 +347,14 @@ Findings Check::file(Situation &situation)
                         .arg(situation.path),
                 QStringLiteral("correct %1 with an editor").arg(situation.path)));
     const QString folder = QFileInfo(QFileInfo(situation.path).canonicalFilePath()).path();
-    if (const std::optional<Finding> finding = unwritable(
-                folder,
-                QStringLiteral("what the application saves or imports is lost, and nothing can be "
-                               "set")))
-        found.append(*finding);
+    const QString lost =
+            QStringLiteral("what the application saves or imports is lost, and nothing can be set");
+    std::optional<Finding> obstacle = unwritable(folder, lost);
+    if (!obstacle)
+        obstacle = notPermitted(situation.path, lost);
+    if (obstacle)
+        found.append(*obstacle);
+    situation.storable = !obstacle;
     if (found.isEmpty())
         found.append(Finding::good(situation.path));
     return found;

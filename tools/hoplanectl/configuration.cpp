@@ -2,6 +2,7 @@
 #include "configuration.h"
 
 #include "../../worker/switchsettings_p.h"
+#include "checks.h"
 #include "output.h"
 #include "text.h"
 #include "values.h"
@@ -39,7 +40,9 @@ QString systemError(const QString &what)
     return QStringLiteral("%1: %2").arg(what, Text::ofError(errno));
 }
 
-// Gives the file behind the descriptor to the owner, unless it is his already.
+// Gives the file behind the descriptor to the owner, unless it is his already. A group that an
+// ordinary user is not in cannot be kept: his own takes its place if that changes nobody's rights,
+// as the file gives its group the same as everybody.
 bool give(int fd, const struct stat &owner)
 {
     struct stat state = {};
@@ -47,7 +50,11 @@ bool give(int fd, const struct stat &owner)
         return false;
     if (state.st_uid == owner.st_uid && state.st_gid == owner.st_gid)
         return true;
-    return fchown(fd, owner.st_uid, owner.st_gid) == 0;
+    if (fchown(fd, owner.st_uid, owner.st_gid) == 0)
+        return true;
+    constexpr int groupShift = 3;
+    const bool sameRights = (owner.st_mode & S_IRWXG) >> groupShift == (owner.st_mode & S_IRWXO);
+    return state.st_uid == owner.st_uid && sameRights;
 }
 
 // What is at the path goes to the owner of the file that it replaces, and survives a power cut from
@@ -61,10 +68,13 @@ QString settle(const QString &path, const QString &replaced)
     const QByteArray folder = QFile::encodeName(QFileInfo(replaced).path());
     const bool isKnown = fd >= 0 && (exists || stat(folder.constData(), &owner) == 0);
     QString error;
-    if (isKnown && (exists || geteuid() == 0) && !give(fd, owner))
-        error = systemError(QStringLiteral("its owner cannot be kept"));
-    else if (!isKnown || fsync(fd) != 0)
+    if (isKnown && (exists || geteuid() == 0) && !give(fd, owner)) {
+        error = systemError(owner.st_uid == geteuid() ? QStringLiteral("its group cannot be kept")
+                                                      : QStringLiteral("its owner cannot be kept"));
+        error += QStringLiteral("; run it as root, or ") + Check::chown(replaced);
+    } else if (!isKnown || fsync(fd) != 0) {
         error = systemError(path);
+    }
     if (fd >= 0)
         close(fd);
     return error;
@@ -145,12 +155,28 @@ QString applyTo(const QString &path, const Changes &changes)
                                                : QStringLiteral("the new file cannot be written");
 }
 
+// Why the file may not be replaced, with what helps; nothing if it may, or is not there yet.
+QString isProtected(const QString &path)
+{
+    struct stat state = {};
+    const QByteArray name = QFile::encodeName(path);
+    if (stat(name.constData(), &state) != 0
+        || faccessat(AT_FDCWD, name.constData(), W_OK, AT_EACCESS) == 0)
+        return QString();
+    return state.st_uid == geteuid()
+            ? QStringLiteral("it is write-protected; chmod u+w %1").arg(Check::quoted(path))
+            : QStringLiteral("the user %1 may not write it; run it as root, or %2")
+                      .arg(Check::user(), Check::chown(path));
+}
+
 // The steps of replacing the file, behind its lock.
 QString replace(const QString &path, const Changes &changes)
 {
     const QString copy = path + QStringLiteral(".new");
     removeLeftovers(copy);
-    QString error = copyTo(copy, path);
+    QString error = isProtected(path);
+    if (error.isEmpty())
+        error = copyTo(copy, path);
     if (error.isEmpty())
         error = applyTo(copy, changes);
     if (error.isEmpty())

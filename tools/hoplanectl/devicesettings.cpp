@@ -56,10 +56,19 @@ QString DeviceSettings::announcement(const QString &path, const Settings &now)
         return QString();
     DeviceSettings settings;
     const QString reason = settings.load(from);
-    if (!reason.isEmpty())
-        return QStringLiteral("%1: %2. The next start of the application empties the connection's "
-                              "name and the addressing of both networks")
-                .arg(from, reason);
+    return reason.isEmpty() ? announcement(path, settings, now) : emptying(reason);
+}
+
+QString DeviceSettings::emptying(const QString &reason)
+{
+    return QStringLiteral("%1: %2. The next start of the application empties the connection's name "
+                          "and the addressing of both networks")
+            .arg(DeviceSettings::path(), reason);
+}
+
+QString DeviceSettings::announcement(const QString &path, const DeviceSettings &settings,
+                                     const Settings &now)
+{
     const Changes changes = settings.changes();
     Settings after = now;
     changes.applyTo(&after);
@@ -67,7 +76,7 @@ QString DeviceSettings::announcement(const QString &path, const Settings &now)
     if (different.isEmpty() || Configuration::differences(path, changes).isEmpty())
         return QString();
     return QStringLiteral("the next start of the application takes over %1: %2")
-            .arg(from, different.join(QStringLiteral("; ")));
+            .arg(DeviceSettings::path(), different.join(QStringLiteral("; ")));
 }
 
 Changes DeviceSettings::changes() const

@@ -21,6 +21,11 @@ struct DeviceSettings
     // What the next start of the application makes of the configuration at `path`, which has these
     // settings now, in one sentence; nothing if it changes nothing.
     static QString announcement(const QString &path, const Settings &now);
+    // The same of a file that is loaded already: one process reads it rightly only once.
+    static QString announcement(const QString &path, const DeviceSettings &settings,
+                                const Settings &now);
+    // The same of a file that load() has this reason to refuse.
+    static QString emptying(const QString &reason);
 
     // What an import of them changes.
     Changes changes() const;
