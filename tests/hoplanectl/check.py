@@ -323,6 +323,29 @@ class File(Case):
                 bad_file = expected.get("file", good(""))[0] == "fault"
                 self.assertEqual(tool.tool("set", "enabled", "off").status, int(bad_file))
 
+    def test_garbage(self):
+        """As after a power cut; no remedy but one is offered, since no other works."""
+        path = path_of(APP)
+        for contents in (bytes(4096), bytes(16) + b"\n[General]\n", b"\xff" * 512,
+                         b"rubbish\n", b"[General\n", b"[Other]\nSwitchEnable=true\nx\n"):
+            with self.subTest(contents=contents[:30]):
+                path.write_bytes(contents)
+                result = self.expect_findings(WITHOUT_FILE | {"file": fault(
+                    "is none of an INI file, it has none of the keys, and nothing can be stored",
+                    f"mv {path} {path}.old; then hoplanectl --app {APP} set server 1 IP:PORT; then "
+                    "server 2,")})
+                # So it is.
+                done = tool.tool("set", "enabled", "off")
+                self.assertEqual(done.status, 1)
+                self.assertRegex(done.err, ": it cannot be read as an INI file( throughout)?; "
+                                           "hoplanectl check tells what helps\n$")
+                self.assertEqual(path.read_bytes(), contents)
+                # The remedy is one.
+                move, command = result.objects[0]["remedy"].split("; then ")[:2]
+                subprocess.run(move.split(), check=True)
+                command = command.replace("IP:PORT", "10.1.0.1:9000")
+                self.assertEqual(tool.tool(*command.split()[1:]).status, 0)
+
     def test_no_utf_8(self):
         path_of(APP).write_bytes(path_of(APP).read_bytes() + b";\xfcber\n")
         self.expect_findings({"file": warning("has bytes that are no UTF-8", "correct ")})

@@ -7,6 +7,7 @@
 #include "devicesettings.h"
 #include "text.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QHash>
@@ -18,6 +19,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace {
@@ -27,12 +29,18 @@ QString asOwner(const QString &path)
     return QStringLiteral("run the check as the application's user; or ") + Check::chown(path);
 }
 
+// How to make a file from the beginning.
+QString everything(const Situation &situation)
+{
+    return situation.set(QStringLiteral("server 1 IP:PORT"))
+            + QStringLiteral("; then server 2, network 1, network 2, connection and enabled");
+}
+
 // Why the library could not read the file; nothing if it can.
 std::optional<Finding> unreadable(const Situation &situation)
 {
     const QString &path = situation.path;
-    const QString first = situation.set(QStringLiteral("server 1 IP:PORT"))
-            + QStringLiteral("; then server 2, network 1, network 2, connection and enabled");
+    const QString first = everything(situation);
     const QFileInfo info(path);
     if (info.isSymLink() && !info.exists())
         return Finding::fault(QStringLiteral("%1 is a link that leads nowhere").arg(path),
@@ -70,6 +78,24 @@ QString badPlace(const QByteArray &bytes)
     }
     return places.isEmpty() ? QStringLiteral("it is no INI file throughout")
                             : places.join(QStringLiteral("; "));
+}
+
+// Why nothing of the file's bytes means anything, as after a power cut; nothing if some do.
+std::optional<Finding> garbage(const Situation &situation, const QByteArray &bytes)
+{
+    const QVector<RawValue> values = Configuration::rawValues(situation.path);
+    const bool isAnyThere = std::any_of(values.begin(), values.end(),
+                                        [](const RawValue &raw) { return raw.value.isValid(); });
+    if (isAnyThere || Configuration::notIni(situation.path).isEmpty())
+        return std::nullopt;
+    // Without its file the application is known by its name only.
+    Situation named = situation;
+    named.app = QCoreApplication::applicationName();
+    return Finding::fault(
+            QStringLiteral("%1: %2, it has none of the keys, and nothing can be stored")
+                    .arg(situation.path, badPlace(bytes)),
+            QStringLiteral("mv %1 %1.old; then %2")
+                    .arg(Check::quoted(situation.path), everything(named)));
 }
 
 // The command that writes the key.
@@ -333,6 +359,8 @@ Findings Check::file(Situation &situation)
     Findings found;
     QFile file(situation.path);
     const QByteArray bytes = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    if (const std::optional<Finding> finding = garbage(situation, bytes))
+        return { *finding };
     if (!Configuration::notIni(situation.path).isEmpty())
         found.append(
                 Finding::fault(QStringLiteral("%1: %2, and nothing can be stored")

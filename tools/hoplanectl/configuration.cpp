@@ -136,8 +136,12 @@ QString applyTo(const QString &path, const Changes &changes)
     const bool isUtf8 = raw.open(QIODevice::ReadOnly) && Text::isUtf8(raw.readAll());
     raw.close();
     IniFile file(path);
+    // It takes the file apart when it is asked for something.
+    const QStringList keysBefore = file.allKeys();
     if (file.status() != QSettings::NoError)
-        return QStringLiteral("it cannot be read as an INI file");
+        return QStringLiteral("it cannot be read as an INI file%1; hoplanectl check tells what "
+                              "helps")
+                .arg(keysBefore.isEmpty() ? QString() : QStringLiteral(" throughout"));
     for (const RawValue &change : changes.values())
         file.setValue(change.key, change.value);
     // All values are written anew, those of other keys too.
