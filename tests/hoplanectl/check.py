@@ -52,6 +52,8 @@ LOGIN = f"-g 802-1x.eap connection show uuid {UUID}"
 BRIDGE = f"-g connection.master connection show uuid {UUID}"
 ITSELF = f"-g connection.autoconnect connection show uuid {UUID}"
 NO_DEFAULT = f"-g ipv4.never-default connection show uuid {UUID}"
+GATEWAY = f"-g ipv4.gateway connection show uuid {UUID}"
+DNS = f"-g ipv4.dns connection show uuid {UUID}"
 OPTION = "-g connection.uuid --version"
 LAN = f"lan:{UUID}:802-3-ethernet:lo"
 
@@ -74,7 +76,8 @@ ANSWERS = {
     "--version": ("nmcli tool, version 1.42.4", 0), OPTION: ("nmcli tool, version 1.42.4", 0),
     RUNNING: ("running:1.42.4:connected", 0), LIST: (LAN, 0), NAMED: (UUID, 0),
     INTERFACE: ("lo", 0), BRIDGE: ("", 0), ITSELF: ("yes", 0),
-    NO_DEFAULT: ("no", 0), LOGIN: ("", 0), **{question: ("", 0) for question in BINDINGS.values()},
+    NO_DEFAULT: ("no", 0), LOGIN: ("", 0), GATEWAY: ("", 0), DNS: ("", 0),
+    **{question: ("", 0) for question in BINDINGS.values()},
     **{fitting(name): fits(OTHER_UUID, UUID) for name in ("lo", "eth9", "wlan0")},
     DEVICES: ("lo:ethernet:connected", 0), FILES: (f"{UUID}:{PROFILE}", 0), USERS: ("", 0),
     PERMISSIONS: (f"{PERMISSION}network-control:yes\n{PERMISSION}settings.modify.own:yes\n"
@@ -988,6 +991,45 @@ class TheConnection(Case):
         self.expect_findings({"networks": SPINS, "profile": warning(
             "the connection is not activated by itself: a device that starts without any address",
             modify + "connection.autoconnect yes")})
+
+    def test_rest_of_the_profile(self):
+        """What no network of the file replaces stays as the profile has it."""
+        own = {GATEWAY: ("203.0.113.1", 0), DNS: ("203.0.113.53", 0)}
+        no_gateway = {"FirstLocalGateWay": ""}
+        no_dns = {"FirstPreferredDNS": "", "FirstSpareDNS": ""}
+        modify = f"nmcli connection modify uuid {UUID} "
+        until = " until network 2 was applied once"
+
+        def stays(number, what, value, end=""):
+            setting = "ipv4.gateway" if what == "gateway" else "ipv4.dns"
+            return warning(f"network {number} has no {what}: the profile's own, {value}, stays"
+                           f"{end}", f"{modify}{setting} ''")
+
+        gateway, dns = "203.0.113.1", "203.0.113.53"
+        second = {"SecondLocalGateWay": "", "SecondPreferredDNS": ""}
+        table = [
+            ({}, own, [good(PROFILE)]),
+            (no_gateway | no_dns, {}, [good(PROFILE)]),
+            (no_gateway, own, [stays(1, "gateway", gateway, until)]),
+            (no_dns, own, [stays(1, "name server", dns, until)]),
+            ({"FirstPreferredDNS": ""}, own, [good(PROFILE)]),
+            ({"FirstIsAutomatically": "false"} | no_gateway | no_dns, own, [good(PROFILE)]),
+            (SECOND_STATIC | no_gateway | no_dns | second, own, [
+                stays(1, "gateway", gateway), stays(1, "name server", dns),
+                stays(2, "gateway", gateway), stays(2, "name server", dns)]),
+            # That the other network's stay is told of the networks.
+            (SECOND_STATIC | no_gateway | no_dns, own, [good(PROFILE)]),
+            (SECOND_STATIC | second, own, [good(PROFILE)])]
+        for changes, answers, findings in table:
+            with self.subTest(changes=changes):
+                write(APP, GOOD | changes)
+                nmcli(answers)
+                result = self.run_check("check", "--json")
+                self.compare_item("profile", findings, [
+                    row for row in result.objects if row.get("item") == "profile"], result)
+                for finding, row in zip(findings, [row for row in result.objects
+                                                   if row.get("item") == "profile"]):
+                    self.assertTrue(row["text"].endswith(finding[1]), row)
 
     def test_another_interface(self):
         """The library takes the address of the last interface; the connection's is the first."""

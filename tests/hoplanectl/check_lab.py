@@ -393,6 +393,32 @@ class Profile(LaboratoryCase):
         run("sh", "-c", remedy)
         self.expect_findings({})
 
+    def test_rest_of_the_profile(self):
+        """What no network of the file replaces stays in the profile and in the routes, as told."""
+        lab = self.raise_laboratory()
+        other = NET1.prefix + ".254"
+        run("nmcli", "connection", "modify", CONNECTION, "ipv4.method", "manual", "ipv4.addresses",
+            NET1.prefix + ".9/24", "ipv4.gateway", other, "ipv4.dns", NET1.dns[0])
+        write(APP, settings() | {"FirstLocalGateWay": ""})
+        result = self.expect_findings({"profile": [
+            warning(f"network 1 has no gateway: the profile's own, {other}, stays until network 2"),
+            warning(f"network 1 has no name server: the profile's own, {NET1.dns[0]}, stays")]})
+
+        def apply():
+            # As the library makes it.
+            run("sh", "-c", f"nmcli connection modify uuid {lab.profile('connection.uuid')} "
+                            f"ipv4.addresses {NET1.device}/24     connection.autoconnect yes "
+                            "ipv4.method manual")
+            run("nmcli", "connection", "up", CONNECTION)
+            return lab.default_gateway(), lab.name_servers()
+
+        self.assertEqual(apply(), (other, NET1.dns[:1]))
+        for row in result.objects:
+            if row.get("item") == "profile":
+                run("sh", "-c", row["remedy"])
+        self.expect_findings({})
+        self.assertEqual(apply(), ("", [""]))
+
     def test_in_memory(self):
         lab = self.raise_laboratory()
         run("nmcli", "connection", "add", "save", "no", "type", "ethernet", "ifname", "eth0",

@@ -298,6 +298,43 @@ std::optional<Finding> badProfile(const Situation &situation)
     return std::nullopt;
 }
 
+// What the profile has of its own and the library leaves there, as the network has none to replace
+// it. Where both networks are static and the other one has some, that is told of them.
+void judgeRest(const Situation &situation, int index, const QString &what, const QString &setting,
+               QString (*valueOf)(const NetworkSettings &), Findings *found)
+{
+    const NetworkSettings &network = situation.settings.networks[index];
+    const NetworkSettings &other = situation.settings.networks[1 - index];
+    if (!network.isStatic || !valueOf(network).isEmpty()
+        || (other.isStatic && !valueOf(other).isEmpty()))
+        return;
+    const QString rest = property(*situation.connection, setting);
+    if (rest.isEmpty())
+        return;
+    QString text = QStringLiteral("network %1 has no %2: the profile's own, %3, stays")
+                           .arg(index + 1)
+                           .arg(what, rest);
+    if (!other.isStatic)
+        text += QStringLiteral(" until network %1 was applied once").arg(2 - index);
+    found->append(Finding::warning(text,
+                                   QStringLiteral("nmcli connection modify uuid %1 %2 ''")
+                                           .arg(situation.connection->uuid, setting)));
+}
+
+Findings restOfProfile(const Situation &situation)
+{
+    Findings found;
+    for (int index : { 0, 1 }) {
+        judgeRest(
+                situation, index, QStringLiteral("gateway"), QStringLiteral("ipv4.gateway"),
+                [](const NetworkSettings &network) { return network.gateway; }, &found);
+        judgeRest(
+                situation, index, QStringLiteral("name server"), QStringLiteral("ipv4.dns"),
+                [](const NetworkSettings &network) { return network.dns1 + network.dns2; }, &found);
+    }
+    return found;
+}
+
 // The folder that a change of the profile is stored in, or the nearest one there is.
 QString storedIn(const QString &fileName)
 {
@@ -477,6 +514,9 @@ Findings Check::profile(Situation &situation)
         return { *finding };
     if (const std::optional<Finding> finding = badProfile(situation))
         return { *finding };
+    const Findings rest = restOfProfile(situation);
+    if (!rest.isEmpty())
+        return rest;
     if (fileName.isEmpty() || fileName.startsWith(QLatin1String("/run/")))
         return { Finding::warning(
                 QStringLiteral("the profile is gone after a restart of the device: it is in %1")
