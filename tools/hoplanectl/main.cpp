@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <clocale>
+#include <csignal>
 
 const Command commands[] = {
     { "show", "", "Shows the configuration", runShow },
@@ -136,6 +137,8 @@ int main(int argc, char **argv)
 {
     if (!openStreams())
         return ExitFailed;
+    // Whoever has started the tool may have it ignored, and nobody learnt how a child has ended.
+    std::signal(SIGCHLD, SIG_DFL);
     const QCoreApplication application(argc, argv);
     return run(words(argc, argv));
 }
