@@ -430,6 +430,15 @@ class File(Case):
         finally:
             subprocess.run(["umount", folder], check=True)
 
+    def test_room(self):
+        """What counts is what anybody may have; a file system may not count its files."""
+        for room, full in (("100 100 100 100", False), ("100 0 100 100", True),
+                           ("100 100 100 0", True), ("100 100 0 0", False)):
+            with self.subTest(room=room):
+                finding = fault("is on a full disk")
+                self.expect_findings({"file": finding, "profile": finding} if full else {},
+                                     environment={"SURROUNDINGS_ROOM": room})
+
     def test_repeated(self):
         """The library takes the last one."""
         for last, enabled in (("SwitchEnable=true", good("switching is on")),
@@ -774,14 +783,16 @@ class Manager(Case):
 
     def test_not_running(self):
         nmcli({RUNNING: (NOT_RUNNING, 8)})
-        self.expect_findings(self.trouble(
+        result = self.expect_findings(self.trouble(
             fault("NetworkManager is not running", "systemctl enable --now NetworkManager"),
             "NetworkManager is not running"))
+        self.assertNotIn("dbus", result.out)
 
     def test_no_bus(self):
         nmcli({RUNNING: ("Warning: one\nError: Could not connect: No such file.", 1)})
         self.expect_findings(self.trouble(
-            fault("NetworkManager cannot be asked: Error: Could not connect: No such file."),
+            fault("NetworkManager cannot be asked: Error: Could not connect: No such file.",
+                  "systemctl start dbus.socket; systemctl enable --now NetworkManager"),
             "NetworkManager cannot be asked"))
 
     def test_other_words(self):
@@ -795,6 +806,16 @@ class Manager(Case):
         self.expect_findings(self.trouble(
             fault("networking is switched off: NetworkManager leaves all interfaces alone",
                   "nmcli networking on"), "networking is switched off"))
+
+    def test_ends_of_children_are_ignored(self):
+        """By whoever has started the tool, and so by the tool as it begins."""
+        ignoring = ["/usr/bin/python3", "-c", "import os, signal, sys; signal.signal("
+                    "signal.SIGCHLD, signal.SIG_IGN); os.execv(sys.argv[1], sys.argv[1:])"]
+        self.expect_findings({}, within=ignoring)
+        # It prints what it would print, and fails.
+        nmcli({LIST: f"echo '{LAN}'; exit 8"})
+        self.expect_findings({"connection": fault("nmcli ends with status 8")} | WITHOUT_CONNECTION,
+                             within=ignoring)
 
     def test_silent(self):
         for end in ("exec /bin/sleep 300", "exec >&- 2>&-; exec /bin/sleep 300"):

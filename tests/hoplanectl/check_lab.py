@@ -184,7 +184,8 @@ class Manager(LaboratoryCase):
         self.raise_laboratory()
         os.environ["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=/sandbox/no-bus"
         self.expect_trouble(fault("NetworkManager cannot be asked: Error: Could not create "
-                                  "NMClient object: "), "NetworkManager cannot be asked")
+                                  "NMClient object: ", "systemctl start dbus.socket; "),
+                            "NetworkManager cannot be asked")
 
 
 class TheConnection(LaboratoryCase):

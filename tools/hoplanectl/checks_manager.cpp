@@ -425,10 +425,12 @@ Findings Check::manager(Situation &situation)
         const bool told = answer.status == Nmcli::NotRunning || answer.message.isEmpty();
         situation.managerTrouble = told ? QStringLiteral("NetworkManager is not running")
                                         : QStringLiteral("NetworkManager cannot be asked");
-        return { Finding::fault(told ? situation.managerTrouble
-                                     : situation.managerTrouble + QStringLiteral(": ")
-                                                + answer.message,
-                                QStringLiteral("systemctl enable --now NetworkManager")) };
+        return { Finding::fault(
+                told ? situation.managerTrouble
+                     : situation.managerTrouble + QStringLiteral(": ") + answer.message,
+                // The message bus comes first.
+                (told ? QString() : QStringLiteral("systemctl start dbus.socket; "))
+                        + QStringLiteral("systemctl enable --now NetworkManager")) };
     }
     // Then each interface is unmanaged, whatever is set for it.
     if (answer.rows.first().value(2) == QLatin1String("asleep")) {

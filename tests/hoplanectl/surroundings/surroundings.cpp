@@ -9,6 +9,9 @@
 //   SURROUNDINGS_ARCHITECTURE  the processor's, in Qt's words
 //   SURROUNDINGS_CODEC         that of the locale
 //   SURROUNDINGS_OWNER         "NUMBER PATH": the user who owns the file
+//   SURROUNDINGS_ROOM          "FREE AVAILABLE FILES AVAILABLE": of each file system, the blocks
+//                              that are free and that anybody may have, and the files that it can
+//                              have and that anybody may make
 
 #include <QSysInfo>
 #include <QTextCodec>
@@ -17,6 +20,7 @@
 #include <linux/netlink.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/timex.h>
 #include <unistd.h>
 
@@ -115,6 +119,22 @@ extern "C" int stat(const char *path, struct stat *state) noexcept
     const unsigned long user = owner ? std::strtoul(owner, &ofPath, 10) : 0;
     if (owner && std::strcmp(ofPath + 1, path) == 0)
         state->st_uid = uid_t(user);
+    return result;
+}
+
+extern "C" int statvfs(const char *path, struct statvfs *state) noexcept
+{
+    const int result = real<int (*)(const char *, struct statvfs *)>("statvfs")(path, state);
+    const char *const room = getenv("SURROUNDINGS_ROOM");
+    unsigned long values[4] = {};
+    if (room
+        && std::sscanf(room, "%lu %lu %lu %lu", &values[0], &values[1], &values[2], &values[3])
+                == 4) {
+        state->f_bfree = values[0];
+        state->f_bavail = values[1];
+        state->f_files = values[2];
+        state->f_favail = values[3];
+    }
     return result;
 }
 
