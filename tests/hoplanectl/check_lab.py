@@ -48,6 +48,11 @@ def settings(first_ip=NET1.device, first_server=NET1.server, second_server=NET2.
             "SecondLocalGateWay": "", "SecondPreferredDNS": "", "SecondSpareDNS": ""}
 
 
+# The second network static too.
+STATIC = {"SecondIsAutomatically": "true", "SecondLocalIp": NET2.device,
+          "SecondLocalMask": "255.255.255.0", "SecondLocalGateWay": NET2.server}
+
+
 def add_lan_switch(stack):
     """A LAN switch among the devices that the kernel shows."""
     devices, mine = pathlib.Path("/sys/devices/virtual"), HOME / "devices"
@@ -263,6 +268,39 @@ class Interface(LaboratoryCase):
         lab.plug_cable()
         self.expect_findings({})
 
+    def test_down(self):
+        self.raise_laboratory()
+        run("nmcli", "connection", "up", CONNECTION)
+        run("ip", "link", "set", "eth0", "down")
+        result = self.expect_findings({"interface": warning("eth0 is down", "ip link set eth0 up")})
+        remedy, = (row["remedy"] for row in result.objects if row.get("item") == "interface")
+        run("sh", "-c", remedy)
+        Laboratory._wait_for_link("up")  # pylint: disable=protected-access
+        self.expect_findings({})
+
+    def test_address_of_another_interface(self):
+        """The library takes it for the device's own, and skips a network in every pass."""
+        lab = self.raise_laboratory()
+        write(APP, settings() | STATIC)
+        lab.add_second_cable()
+        lab.add_profile("second", "eth1", "ipv4.method", "manual", "ipv4.addresses",
+                        NET2.device + "/24")
+        run("nmcli", "connection", "modify", CONNECTION, "connection.autoconnect", "yes",
+            "ipv4.method", "manual", "ipv4.addresses", NET1.device + "/24")
+        run("nmcli", "connection", "up", CONNECTION)
+        self.expect_findings({})
+        run("nmcli", "connection", "up", "second")
+        self.expect_findings({"interface": fault(
+            f"the library takes the address {NET2.device} of eth1 for that of eth0, and skips "
+            f"network 2 ({NET2.device}) in every pass",
+            "hoplanectl set network 2 --address IP/24")})
+        # So does the library in its rehearsal.
+        turns = [row for row in tool.tool("plan", "--json").objects if "network" in row]
+        self.assertEqual([(row["network"], row["skipped"]) for row in turns if "skipped" in row],
+                         [(1, False), (2, True)])
+        run("nmcli", "connection", "down", "second")
+        self.expect_findings({})
+
     def test_unmanaged(self):
         self.raise_laboratory()
         run("nmcli", "device", "set", "eth0", "managed", "no")
@@ -370,6 +408,28 @@ class Profile(LaboratoryCase):
         self.expect_findings({"profile": fault(
             "/etc/NetworkManager/system-connections is on a read-only file system: NetworkManager "
             "refuses each change", "mount -o remount,rw")})
+
+    def test_full_disk(self):
+        self.raise_laboratory()
+        folder = pathlib.Path("/etc/NetworkManager/system-connections")
+        file, = folder.iterdir()
+        contents = file.read_bytes()
+        run("mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", str(folder))
+        self.addCleanup(run, "umount", "--lazy", str(folder), check=False)
+        file.write_bytes(contents)
+        file.chmod(0o600)
+        self.expect_findings({})
+        with contextlib.suppress(OSError), open(folder / ".filler", "wb", buffering=0) as filler:
+            while True:
+                filler.write(bytes(4096))
+        # NetworkManager refuses indeed.
+        modify = ("nmcli", "connection", "modify", CONNECTION, "ipv4.dns", NET1.dns[0])
+        self.assertIn("Error", run(*modify, check=False))
+        self.expect_findings({"profile": fault(f"{folder} is on a full disk: NetworkManager "
+                                               "refuses each change", "delete")})
+        (folder / ".filler").unlink()
+        self.expect_findings({})
+        run(*modify)
 
     def test_port_of_a_bridge(self):
         lab = self.raise_laboratory()
@@ -570,10 +630,7 @@ class BothStatic(LaboratoryCase):
     def test_address(self):
         """What the device has now is told, and with an address all is good."""
         lab = self.raise_laboratory()
-        values = settings() | {
-            "SecondIsAutomatically": "true", "SecondLocalIp": NET2.device,
-            "SecondLocalMask": "255.255.255.0", "SecondLocalGateWay": NET2.server}
-        write(APP, values)
+        write(APP, settings() | STATIC)
         text = "a device without any address skips both, and its search fails after 120 s; now it "
         remedy = "nmcli connection modify lan connection.autoconnect yes; nmcli connection up lan"
         self.expect_findings({"networks": warning(text + "has none", remedy),
@@ -582,6 +639,33 @@ class BothStatic(LaboratoryCase):
         run("sh", "-c", remedy)
         address = lab.addresses()[0].split("/")[0]
         self.expect_findings({"networks": good(f"the device has an address now, {address}: ")})
+
+    def test_activated_by_itself(self):
+        """Whether a device that starts has an address."""
+        lab = self.raise_laboratory()
+        write(APP, settings() | STATIC)
+        run("nmcli", "connection", "up", CONNECTION)
+
+        def start_again():
+            lab.kill_manager()
+            run("ip", "address", "flush", "dev", "eth0")
+            run("rm", "-rf", "/run/NetworkManager")
+            lab.start_manager()
+            wait_until(lambda: run("nmcli", "-g", "STARTUP", "general").strip() == "started", 20,
+                       "NetworkManager has started all that it starts by itself")
+
+        finding = warning("the connection is not activated by itself: a device that starts without "
+                          "any address")
+        result = self.expect_findings({"profile": finding})
+        start_again()
+        self.assertEqual(lab.addresses(), [])
+        self.expect_findings({"profile": finding,
+                              "networks": warning("a device without any address skips both")})
+        remedy, = (row["remedy"] for row in result.objects if row.get("item") == "profile")
+        run("sh", "-c", remedy)
+        start_again()
+        self.assertNotEqual(lab.addresses(), [])
+        self.expect_findings({})
 
 
 class Probes(LaboratoryCase):
