@@ -61,12 +61,36 @@ def file_item(user):
     return found
 
 
+def library_saves(user, path):
+    """Whether the library, in an application of this user, can store a connection's name."""
+    before = path.resolve().read_bytes()
+    # The name of the application.
+    folder = DOCUMENTS / "laboratory"
+    folder.symlink_to(path.parent)
+    with subprocess.Popen([DEVICE / "lab_application"], stdin=subprocess.PIPE,
+                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, encoding="utf-8", user=user, group=user,
+                          extra_groups=[], cwd="/",
+                          env=os.environ | {"LD_LIBRARY_PATH": str(DEVICE)}) as application:
+        application.stdin.write("connection\tstored\n")
+        application.stdin.flush()
+        while " done connection" not in (line := application.stdout.readline()):
+            if not line or " unknown " in line:
+                application.kill()
+                raise RuntimeError(f"the application does not store the name: {line}")
+        application.kill()
+    folder.unlink()
+    after = path.resolve().read_bytes()
+    return after != before and b"connectionName=stored" in after
+
+
 def setUpModule():  # noqa: N802
     """Puts the tool and its library where each user may read them."""
     DEVICE.mkdir()
     library = tool.COMMAND.pop(0)
     for file in library, tool.COMMAND[0]:
         pathlib.Path(shutil.copy(file, DEVICE)).chmod(0o755)
+    application = pathlib.Path(tool.COMMAND[0]).parents[2] / "tests/lab/application/lab_application"
+    pathlib.Path(shutil.copy(application, DEVICE)).chmod(0o755)
 
 
 class Owner(tool.TestCase):
@@ -215,7 +239,9 @@ class Owner(tool.TestCase):
                 self.assertEqual(as_user(OWNER, "set", "enabled", "off").status,
                                  # The tool locks beside what a link leads to.
                                  int(spoil is not foreign_link))
+                self.assertFalse(library_saves(OWNER, path))
                 subprocess.run(command.split(), check=True)
+                self.assertTrue(library_saves(OWNER, path))
                 self.assertEqual(file_item(OWNER)["level"], "good")
                 done = as_user(OWNER, "set", "enabled", "off")
                 self.assertEqual((done.status, done.err), (0, ""), done)
