@@ -68,8 +68,8 @@ def library_saves(user, path):
     folder = DOCUMENTS / "laboratory"
     folder.symlink_to(path.parent)
     with subprocess.Popen([DEVICE / "lab_application"], stdin=subprocess.PIPE,
-                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, encoding="utf-8", user=user, group=user,
-                          extra_groups=[], cwd="/",
+                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, encoding="utf-8",
+                          user=user, group=user, extra_groups=[], cwd="/",
                           env=os.environ | {"LD_LIBRARY_PATH": str(DEVICE)}) as application:
         application.stdin.write("connection\tstored\n")
         application.stdin.flush()
