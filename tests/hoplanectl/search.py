@@ -269,6 +269,7 @@ class NotStarted(TestCase):
         result = self.expect(2, *options, "search")
         self.assertIn(reason, result.err)
         self.assertNotIn("search:", result.out)
+        self.assertEqual("switching is disabled" in result.out, "switching is disabled" in reason)
         told = self.expect(2, *options, "search", "--json")
         self.assertEqual(outcome(told)["outcome"], "not-started")
         self.assertTrue(outcome(told)["text"])
@@ -278,6 +279,12 @@ class NotStarted(TestCase):
         path = self.configure(enabled=False)
         self.check(f"no search: switching is disabled in {path}; enable it with hoplanectl --app "
                    f"{APP} set enabled on")
+
+    def test_name_with_a_blank(self):
+        """Switching is disabled, and the application's name is no plain word: the remedy has it in
+        quotes."""
+        path = self.configure(enabled=False, app="my app")
+        self.check(f"switching is disabled in {path}; enable it with hoplanectl --app 'my app' set enabled on")
 
     def test_folder_in_place_of_the_file(self):
         """The file is a folder."""
@@ -419,12 +426,21 @@ class Ends(TestCase):
         self.assertIn("(network 1: activating the connection)", program.lines[-1])
 
     def test_reader_ends(self):
-        """Whoever reads the results ends: so does the search, as any program in a pipe."""
+        """Whoever reads the results ends, perhaps because the line is cut: the search goes on to
+        its end, and so do its commands."""
+        self.start_server(NET1)
         self.configure()
-        with subprocess.Popen([*tool.COMMAND, "search"], stdout=subprocess.PIPE) as process:
-            self.assertIn(b"takes the library into use", process.stdout.readline())
-            process.stdout.close()
-            self.assertEqual(process.wait(60), -signal.SIGPIPE)
+        for options in ([], ["--json"], ["--verbose"]):
+            with self.subTest(options=options):
+                self.restore()
+                with subprocess.Popen([*tool.COMMAND, "search", *options], stdout=subprocess.PIPE,
+                                      stderr=subprocess.PIPE) as process:
+                    self.assertTrue(process.stdout.readline())
+                    process.stdout.close()
+                    told = process.stderr.read()
+                    self.assertEqual((process.wait(60), told),
+                                     (3, b"hoplanectl: the results could not be written\n"))
+                self.assertEqual(self.lab.addresses(), [NET1.device + "/24"])
 
 
 class Terminals(TestCase):

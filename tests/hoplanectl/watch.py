@@ -134,6 +134,20 @@ class Links(Watch):
         program.expect("link eth0 is down")
         program.expect("there is no configuration file /.*/nobody/switch.ini: nothing is done")
 
+    def test_unusable_file(self):
+        """Of the file nothing can be read: that is said, not that switching is disabled."""
+        path = self.configure()
+        path.write_bytes(b"\x7fELF\n")
+        program = self.watch()
+        reason = f"{path} is no INI file throughout"
+        program.expect_message(f"hoplanectl: {reason}, so nothing will follow from an event$")
+        self.lab.pull_cable()
+        self.addCleanup(self.lab.plug_cable)
+        program.expect(f"{reason}: nothing is done")
+        program.end()
+        self.assertFalse(any("disabled" in line or "set enabled" in line
+                             for line in program.lines), program.lines)
+
     def test_interrupted_search(self):
         """Interrupted during a search that a link began: it is told where."""
         self.configure()
@@ -263,6 +277,30 @@ class Beginnings(Watch):
     def test_no_application(self):
         """No application has a configuration, and none is named."""
         self.assertIn("name yours with --app NAME", self.expect(2, "watch").err)
+
+    def test_folder_in_place_of_the_file(self):
+        """The file is a folder: no command enables anything there."""
+        path = tool.path_of(APP)
+        path.mkdir(parents=True)
+        program = self.watch("--app", APP)
+        program.expect_message(f"hoplanectl: {path} is no regular file, so nothing will follow")
+        program.end()
+        self.assertFalse(any("set enabled" in line for line in program.lines), program.lines)
+
+    def test_half_an_ini_file(self):
+        """The file has switching enabled, and something else that is not understood."""
+        path = self.configure()
+        with path.open("a", encoding="utf-8") as file:
+            file.write("stray\n")
+        program = self.watch()
+        program.expect_message(f"{path} is no INI file throughout; the library takes what it makes "
+                               "of it$")
+
+    def test_name_with_a_blank(self):
+        """Switching is disabled, and the application's name is no plain word: the remedy has it in
+        quotes."""
+        self.configure(enabled=False, app="my app")
+        self.watch().expect_message("hoplanectl --app 'my app' set enabled on")
 
     def test_usage(self):
         """It takes no arguments."""

@@ -14,6 +14,7 @@
 #include <QRegularExpression>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -218,6 +219,24 @@ QString behindLinks(QString path)
     return QString();
 }
 
+// Whether the bytes are an INI file throughout. Who reads a file again of the same name, size and
+// time is told of no error any more; so each time there is one of a time of its own, in memory.
+// Nothing if there is no memory for it.
+std::optional<bool> isIni(const QByteArray &bytes)
+{
+    static time_t count = 0;
+    const timespec time = { ++count, 0 };
+    const timespec times[] = { time, time };
+    QFile file;
+    const int fd = memfd_create("switch.ini", MFD_CLOEXEC);
+    if (fd < 0 || !file.open(fd, QIODevice::WriteOnly, QFileDevice::AutoCloseHandle)
+        || file.write(bytes) != bytes.size() || !file.flush() || futimens(fd, times) != 0)
+        return std::nullopt;
+    const IniFile ini(QStringLiteral("/proc/self/fd/%1").arg(fd));
+    (void)ini.allKeys();
+    return ini.status() == QSettings::NoError;
+}
+
 bool isName(const QString &name)
 {
     return !name.isEmpty() && !name.contains(QLatin1Char('/')) && name != QLatin1String(".")
@@ -375,12 +394,10 @@ QString notIni(const QString &path)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return unreadable(path);
-    // By another name: who reads a file that was read before is told of no error.
-    const IniFile ini(QStringLiteral("/proc/self/fd/%1").arg(file.handle()));
-    (void)ini.allKeys();
-    return ini.status() == QSettings::NoError
-            ? QString()
-            : QStringLiteral("%1 is no INI file throughout").arg(path);
+    const std::optional<bool> is = isIni(file.readAll());
+    if (!is)
+        return QStringLiteral("%1 cannot be looked through: %2").arg(path, Text::ofError(errno));
+    return *is ? QString() : QStringLiteral("%1 is no INI file throughout").arg(path);
 }
 
 QString unusable(const QString &path)

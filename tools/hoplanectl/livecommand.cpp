@@ -82,7 +82,7 @@ void LiveCommand::take(const LogEntry &entry, const LogLine &line)
         return;
     // What the library has just read of the file.
     if (line.kind == LogLine::SecondServer)
-        m_narrator.setEnabled(isEnabled());
+        m_narrator.setEnabled(isEnabled(), Configuration::unusable(Configuration::path()));
     m_narrator.feed(entry, line);
     look();
     // A busy log does not have it drawn anew with each line.

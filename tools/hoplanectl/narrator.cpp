@@ -166,7 +166,9 @@ void Narrator::ignoreConfiguration()
     QString text = QStringLiteral("the configuration was read, and nothing followed: a link went "
                                   "down, or switching is disabled");
     Output::Style style = Output::Plain;
-    const QString disabled = QStringLiteral("switching is disabled: nothing is done");
+    const QString disabled = m_unusable.isEmpty()
+            ? QStringLiteral("switching is disabled: nothing is done")
+            : QStringLiteral("%1: nothing is done").arg(printable(m_unusable));
     if (m_linksDown > 0) {
         --m_linksDown;
         text = QStringLiteral("a link went down: the application is told that a switch begins");

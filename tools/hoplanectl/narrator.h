@@ -92,8 +92,13 @@ public:
     // all announced, by link notifications, events of the LAN switch and this: start() is emitted.
     void readAlong() { m_alongside = true; }
     void announceSearch() { ++m_starts; }
-    // Whether the configuration that is read next has switching enabled.
-    void setEnabled(bool enabled) { m_enabled = enabled; }
+    // Whether the configuration that is read next has switching enabled; `unusable`: why not all
+    // of it is understood, empty if it is.
+    void setEnabled(bool enabled, const QString &unusable)
+    {
+        m_enabled = enabled;
+        m_unusable = unusable;
+    }
 
     // The search or re-opening that is under way; null if there is none.
     const SearchAccount *current() const { return m_account ? &*m_account : nullptr; }
@@ -198,6 +203,7 @@ private:
     OnEnd m_onEnd;
     bool m_alongside = false;
     std::optional<bool> m_enabled;
+    QString m_unusable;
 
     LogEntry m_now; // the line that is looked at
     double m_clockSet = 0; // seconds by which the clock was set in this search

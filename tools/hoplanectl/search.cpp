@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
+#include "checks.h"
 #include "configuration.h"
 #include "livecommand.h"
 #include "values.h"
@@ -63,14 +64,15 @@ QString unfitness()
         return unusable;
     return QStringLiteral("switching is disabled in %1; enable it with hoplanectl --app %2 set "
                           "enabled on")
-            .arg(file, QCoreApplication::applicationName());
+            .arg(file, Check::quoted(QCoreApplication::applicationName()));
 }
 
 int Search::run(int timeoutSeconds)
 {
-    // It may itself cut the line that it is shown over. Ignored, so that its commands come to their
-    // end, too.
+    // It may itself cut the line that it is shown over: a terminal's is hung up, and of another one
+    // nobody reads any more. Ignored, so that its commands come to their end, too.
     std::signal(SIGHUP, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);
     m_begin = Live::now();
     Hoplane *const library = takeLibrary();
     if (!library)
@@ -152,7 +154,7 @@ const QString text = QStringLiteral(
         "network settings are imported first, if it has any.\n\n"
         "Exit status: 0 a server is reached, 1 none is (or --timeout came first), 2 the\n"
         "search could not begin, 128 plus the signal's number when interrupted, 3 a\n"
-        "server is reached but the results could not be written.");
+        "server is reached but the results could not be written, or nobody read them.");
 
 } // namespace
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
+#include "checks.h"
 #include "configuration.h"
 #include "livecommand.h"
 #include "processor.h"
@@ -31,6 +32,7 @@ protected:
 
 private:
     void tellBeginning();
+    void warnOfFile(const QString &file);
     void reportSignals(Hoplane *library);
     void report(const QString &name, const QJsonObject &arguments, const QString &text);
 };
@@ -72,12 +74,21 @@ void Watch::tellBeginning()
                     { QStringLiteral("file"), file },
                     { QStringLiteral("exists"), exists },
                     { QStringLiteral("enabled"), isEnabled() } });
-    if (!exists)
-        message(QStringLiteral("there is no %1, so nothing will follow from an event").arg(file));
+    warnOfFile(file);
+}
+
+// Why nothing will follow from an event, or not what the whole file would lead to.
+void Watch::warnOfFile(const QString &file)
+{
+    const QString unusable = Configuration::unusable(file);
+    if (!unusable.isEmpty())
+        message(isEnabled()
+                        ? QStringLiteral("%1; the library takes what it makes of it").arg(unusable)
+                        : QStringLiteral("%1, so nothing will follow from an event").arg(unusable));
     else if (!isEnabled())
         message(QStringLiteral("switching is disabled in %1, so nothing will follow from an event; "
                                "enable it with hoplanectl --app %2 set enabled on")
-                        .arg(file, QCoreApplication::applicationName()));
+                        .arg(file, Check::quoted(QCoreApplication::applicationName())));
 }
 
 void Watch::reportSignals(Hoplane *library)
