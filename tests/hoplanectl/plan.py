@@ -66,6 +66,12 @@ exit {status}
     program.chmod(0o755)
 
 
+def questions(*look_up, automatic=True):
+    """What nmcli is asked: the look-up, and the time of a network that is automatic."""
+    return [[*look_up]] + automatic * [["-g", "ipv4.dhcp-timeout", "connection", "show", "uuid",
+                                        UUID]]
+
+
 def calls():
     """The arguments of each call of nmcli."""
     if not CALLS.exists():
@@ -217,7 +223,7 @@ class Commands(PlanCase):
         plan = self.plan(BOTH_AUTOMATIC | {"connectionName": ""})
         by_dhcp = [LOOK_UP_ACTIVE, AUTOMATIC, UP]
         self.assertEqual([(1, by_dhcp, 10), (2, by_dhcp, 10)], plan.turns("each"))
-        self.assertEqual([["-f", "uuid", "connection", "show", "-active"]], calls())
+        self.assertEqual(questions("-f", "uuid", "connection", "show", "-active"), calls())
         self.assertEqual((UUID, False, []), (plan.plan["uuid"], plan.plan["placeholder"],
                                              plan.warnings()))
 
@@ -230,13 +236,13 @@ class Commands(PlanCase):
                 real = name.replace('\\"', '"').replace("\\\\", "\\")
                 self.assertEqual(f"nmcli -g connection.uuid c s '{real}' ",
                                  plan.commands[0]["command"])
-                self.assertEqual([["-g", "connection.uuid", "c", "s", real]], calls())
+                self.assertEqual(questions("-g", "connection.uuid", "c", "s", real), calls())
                 self.assertEqual((real, UUID), (plan.plan["connection"], plan.plan["uuid"]))
                 self.assertFalse(HARM.exists())
 
     def test_a_name_is_utf8_in_any_locale(self):
         plan = self.plan(BOTH_AUTOMATIC | {"connectionName": "Büro"}, environment={"LC_ALL": "C"})
-        self.assertEqual([["-g", "connection.uuid", "c", "s", "Büro"]], calls())
+        self.assertEqual(questions("-g", "connection.uuid", "c", "s", "Büro"), calls())
         self.assertEqual("nmcli -g connection.uuid c s 'Büro' ", plan.commands[0]["command"])
 
 
@@ -378,6 +384,14 @@ class Skipped(PlanCase):
         self.assertEqual([LOOK_UP, LOOK_UP, "nmcli connection up uuid  "],
                          plan.turns("each")[1][1])
 
+    def test_the_text_tells_of_an_address_that_contains_the_devices(self):
+        self.give_address("192.0.2.2/24")
+        text = self.text(BOTH_STATIC | {"FirstLocalIp": "192.0.2.20",
+                                        "SecondLocalIp": "203.0.113.2"})
+        self.assertIn("     skipped, because its address 192.0.2.20 contains the device's: "
+                      "192.0.2.2\n", text)
+        self.assertNotIn("has its address", text)
+
     def test_an_address_that_does_not_count(self):
         """Once the device has a link-local address only, it has none for the library."""
         self.give_address("203.0.113.2/24")
@@ -447,7 +461,7 @@ class SecondInterface(PlanCase):
     def test_where_it_makes_no_difference_nobody_asks(self):
         self.give_address("203.0.113.2/24")
         self.plan(BOTH_AUTOMATIC | SECOND_STATIC)
-        self.assertEqual([["-g", "connection.uuid", "c", "s", "lan"]], calls())
+        self.assertEqual(questions("-g", "connection.uuid", "c", "s", "lan"), calls())
 
 
 class Uuid(PlanCase):
@@ -661,10 +675,11 @@ class Effects(PlanCase):
             with self.subTest(values):
                 lines = self.trace(values)
                 programs = executed()
-                look_up = ["-g", "connection.uuid", "c", "s", values["connectionName"]]
                 both_static = values["FirstIsAutomatically"] == "true"
+                look_up = questions("-g", "connection.uuid", "c", "s", values["connectionName"],
+                                    automatic=not both_static)
                 # The first is the tool, and the stand-in is a script.
-                self.assertEqual([look_up] + both_static * [SecondInterface.ASK],
+                self.assertEqual(look_up + both_static * [SecondInterface.ASK],
                                  [program[1:] for program in programs[1:]])
                 found = [line for line in lines if SANITIZERS not in line and re.search(
                     r"AF_INET|O_WRONLY|O_RDWR|O_CREAT|nl_groups=0*[1-9]"
@@ -725,6 +740,16 @@ class Idle(PlanCase):
         path.write_bytes(b"\x7fELF\n")
         result = self.expect(IDLE, "plan")
         self.assertIn(f"A search would do nothing: {path} is no INI file throughout. ", result.out)
+
+    def test_half_an_ini_file(self):
+        """Switching is on in what is understood of it: a search would run."""
+        path = tool.write(APPLICATION, BOTH_AUTOMATIC)
+        with path.open("a", encoding="utf-8") as file:
+            file.write("stray\n")
+        warning = f"{path} is no INI file throughout; planned is what the library makes of it"
+        self.assertIn(f"\nwarning: {warning}\n", self.expect(SEARCHES, "plan").out)
+        plan = Planned(self.expect(SEARCHES, "--json", "plan").objects)
+        self.assertEqual((True, [warning]), (plan.plan["search"], plan.plan["warnings"]))
 
     def test_a_file_that_cannot_be_read(self):
         path = tool.write(APPLICATION, BOTH_AUTOMATIC)
@@ -824,6 +849,18 @@ class Duration(PlanCase):
                                  * 1000, plan["worstCaseMs"])
                 self.assertEqual((120 + attempts + 45 * automatic) * 1000,
                                  plan["silentDhcpCaseMs"])
+
+    def test_time_of_the_profile(self):
+        for said, waits in (("", 45), ("0", 45), ("0 (default)", 45), ("1", 1), ("60", 60),
+                            ("90", 90), ("91", 90), ("300", 90), ("2147483647", 90),
+                            ("2147483647 (infinity)", 90), ("infinity", 90), ("-1", 45)):
+            with self.subTest(said):
+                nmcli(UUID + "\\n",
+                      shell=f'case "$*" in *dhcp-timeout*) echo "{said}"; exit 0;; esac')
+                plan = self.plan(BOTH_AUTOMATIC).plan
+                self.assertEqual((120 + 10 + 2 * waits) * 1000, plan["silentDhcpCaseMs"])
+                self.assertIn(f" + 2 activations × {waits} s = {130 + 2 * waits} s.\n",
+                              self.text(BOTH_AUTOMATIC))
 
     def test_the_longest_pass_counts(self):
         self.give_address("198.51.100.2/24")

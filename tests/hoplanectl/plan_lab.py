@@ -167,6 +167,12 @@ class PlanLab(tool.TestCase):
         self.assertEqual(uuids, set(plan["uuid"].split()))
         self.expect_refusal(plan, turns)
 
+    def test_time_of_the_profile(self):
+        self.lab.configure(dhcp(NET2), dhcp(NET1))
+        for time, waits in (("0", 45), ("7", 7), ("300", 90), ("infinity", 90)):
+            run("nmcli", "connection", "modify", CONNECTION, "ipv4.dhcp-timeout", time)
+            self.assertEqual((130 + 2 * waits) * 1000, self.plan()[0]["silentDhcpCaseMs"], time)
+
     def test_no_such_connection(self):
         self.lab.configure(dhcp(NET2), dhcp(NET1), connection="nobody")
         plan, turns = self.plan()

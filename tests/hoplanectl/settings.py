@@ -362,8 +362,13 @@ class Failures(tool.TestCase):
         self.assertIn(reason, result.err)
 
     def test_folder_in_its_place(self):
-        path_of("device").mkdir(parents=True)
-        self.stays(self.expect(1, "--app", "device", "set", "enabled", "on"), "switch.ini")
+        path = path_of("device")
+        for make in (os.mkdir, os.mkfifo):
+            path.parent.mkdir(parents=True, exist_ok=True)
+            make(path)
+            self.stays(self.expect(1, "--app", "device", "set", "enabled", "on"),
+                       f"{path} is no regular file\n")
+            tool.remove_all()
 
     def test_file_where_the_folder_should_be(self):
         (tool.HOME / "Documents").mkdir()
@@ -470,8 +475,28 @@ class Failures(tool.TestCase):
         path = write("device", COMPLETE)
         path.write_bytes(b"[General\nSwitchEnable=true\n")
         before = path.read_bytes()
-        self.stays(self.expect(1, "set", "enabled", "off"), "it cannot be read as an INI file")
-        self.assertEqual(path.read_bytes(), before)
+        # Also where it seems to have the value.
+        for value in ("off", "on"):
+            self.stays(self.expect(1, "set", "enabled", value),
+                       f"{path} is no INI file throughout\n")
+            self.assertEqual(path.read_bytes(), before)
+
+    def test_spoilt_meanwhile(self):
+        """Another program makes something else of the file after the tool has looked at it, before
+        it has the lock."""
+        path = write("device", COMPLETE)
+        lock = path.parent / "switch.ini.lock"
+        # To open it, as whoever waits for a lock does, waits for this test.
+        os.mkfifo(lock)
+        with subprocess.Popen([*tool.COMMAND, "set", "connection", "new"], stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, encoding="utf-8") as process:
+            with lock.open("wb"):
+                path.write_bytes(b"[General]\nSwitchEnable=true\nstray\n")
+                lock.unlink()
+            out, err = process.communicate(timeout=60)
+        self.assertEqual((process.returncode, out), (1, ""))
+        self.assertIn(f"nothing is changed: {path}: it cannot be read as an INI file", err)
+        self.assertEqual(path.read_bytes(), b"[General]\nSwitchEnable=true\nstray\n")
 
     def test_locked_by_a_writer(self):
         path = write("device", COMPLETE)
@@ -612,6 +637,21 @@ network 1: static address 10.0.0.2/24, gateway 10.0.0.1, name servers 10.0.0.53,
         self.assertEqual([(entry["item"], entry["written"]) for entry in objects],
                          [("connection", False), ("network 1", False)])
         other.unlink()
+
+    def test_dry_run_into_what_cannot_be_changed(self):
+        """It tells what the import itself would."""
+        self.DEVICE.write_text(self.TEXT, encoding="utf-8")
+        path = path_of("device")
+        for make, reason in ((lambda: write("device", COMPLETE).write_bytes(b"\x7fELF\n"),
+                              "is no INI file throughout"),
+                             (lambda: path.mkdir(parents=True), "is no regular file")):
+            make()
+            for options in ([], ["--dry-run"]):
+                with self.subTest(reason=reason, options=options):
+                    result = self.expect(1, "--app", "device", "import", *options)
+                    self.assertEqual((result.out, result.err),
+                                     ("", f"hoplanectl: nothing is changed: {path} {reason}\n"))
+            tool.remove_all()
 
     def test_flag_of_the_group(self):
         write("device", COMPLETE)

@@ -4,6 +4,8 @@
 #include "describe.h"
 #include "text.h"
 
+#include <QFileInfo>
+
 namespace {
 
 // What a person sees of the settings, item by item.
@@ -40,20 +42,28 @@ void tell(Output *out, const Settings &before, const Settings &after, bool dryRu
     }
 }
 
+int refuse(const QString &reason)
+{
+    Output::message(QStringLiteral("nothing is changed: %1").arg(reason));
+    return ExitFailed;
+}
+
 } // namespace
 
 int makeChanges(Output *out, const Changes &changes, bool dryRun)
 {
     const QString path = Configuration::path();
+    // Also where nothing would be written: the values of such a file are not what it seems to say.
+    const QString unusable = QFileInfo::exists(path) ? Configuration::unusable(path) : QString();
+    if (!unusable.isEmpty())
+        return refuse(unusable);
     Settings before = Settings::read(path);
     // A key that is missing is written too, though it may mean the same.
     const bool different = !Configuration::differences(path, changes).isEmpty();
     if (different && !dryRun) {
         const QString error = Configuration::save(path, changes, &before);
-        if (!error.isEmpty()) {
-            Output::message(QStringLiteral("nothing is changed: %1").arg(error));
-            return ExitFailed;
-        }
+        if (!error.isEmpty())
+            return refuse(error);
     }
     Settings after = before;
     changes.applyTo(&after);

@@ -30,12 +30,15 @@ void showWarnings(Output *out, const QStringList &warnings, const QString &inden
         out->line(indent + QStringLiteral("warning: ") + Text::visible(warning), Output::Warning);
 }
 
-void showSkipped(Output *out, const Turn &turn)
+void showSkipped(Output *out, const Turn &turn, const QString &ip)
 {
-    out->line(turn.deviceAddress.isEmpty()
-                      ? QStringLiteral("     skipped, because the device has no address")
-                      : QStringLiteral("     skipped, because the device has its address: %1")
-                                .arg(Text::visible(turn.deviceAddress)));
+    QString reason =
+            QStringLiteral("its address %1 contains the device's: %2").arg(ip, turn.deviceAddress);
+    if (turn.deviceAddress.isEmpty())
+        reason = QStringLiteral("the device has no address");
+    else if (turn.deviceAddress == ip)
+        reason = QStringLiteral("the device has its address: %1").arg(ip);
+    out->line(QStringLiteral("     skipped, because ") + Text::visible(reason));
 }
 
 void showSteps(Output *out, const Turn &turn)
@@ -74,7 +77,7 @@ void showPass(Output *out, const Plan &plan, const Pass &pass)
                         .arg(turn.network + 1)
                         .arg(Describe::server(network), Describe::addressing(network))));
         if (turn.skipped)
-            showSkipped(out, turn);
+            showSkipped(out, turn, network.ip);
         else
             showSteps(out, turn);
         showWarnings(out, turn.warnings, QStringLiteral("     "));
@@ -110,7 +113,7 @@ void showTime(Output *out, const Effort &effort)
     if (effort.automaticActivations == 0)
         return;
     const QStringList silent = QStringList{ seconds(limitMs), attempts }
-            + term(effort.automaticActivations, activation, silentDhcpMs);
+            + term(effort.automaticActivations, activation, effort.silentDhcpMs);
     out->line(QStringLiteral("  With only the DHCP server silent it takes %1 = %2.")
                       .arg(silent.join(plus), seconds(effort.silentDhcpCaseMs())));
 }
@@ -245,7 +248,7 @@ int runPlan(Context &context, const Command &command, const QStringList &argumen
     CommandLine line(command);
     line.setText(QStringLiteral(
             "The library itself makes the plan: it searches, with nothing below it. No\n"
-            "command is run but one that asks nmcli for the connection's UUID, nothing is\n"
+            "command is run but those that ask nmcli for the connection, nothing is\n"
             "connected to, and nothing is changed.\n\n"
             "Exit status: 0 if a search would run, 1 if it would do nothing, because\n"
             "switching is off or there is no file that can be read."));

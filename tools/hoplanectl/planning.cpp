@@ -224,6 +224,26 @@ QString interfaceOf(const QString &uuid)
     return name;
 }
 
+// How long an activation waits in vain for a DHCP server: what the connection's profile says, and
+// nmcli no longer than for any.
+int silentDhcpMs(const Plan &plan)
+{
+    const auto &networks = plan.settings.networks;
+    const QString &uuid = plan.lookUp.uuid;
+    if ((networks[0].isStatic && networks[1].isStatic) || uuid.isEmpty()
+        || !plan.lookUp.placeholderFor.isEmpty())
+        return usualDhcpMs;
+    const Nmcli::Answer answer = Nmcli::ask(
+            { QStringLiteral("-g"), QStringLiteral("ipv4.dhcp-timeout"),
+              QStringLiteral("connection"), QStringLiteral("show"), QStringLiteral("uuid"), uuid });
+    const QString text =
+            answer.rows.value(0).value(0).section(QLatin1Char(' '), 0, 0); // without a remark
+    if (text == QLatin1String("infinity"))
+        return interruptedMs;
+    const int seconds = text.toInt();
+    return seconds > 0 ? qMin(seconds, interruptedMs / 1000) * 1000 : usualDhcpMs;
+}
+
 // The library takes the address of the last interface that has one, whichever a search changes.
 void findOtherAddresses(Plan *plan)
 {
@@ -359,12 +379,17 @@ Plan make(const QString &path)
     const QString unusable = Configuration::unusable(path);
     if (!plan.settings.enabled)
         plan.idleBecause = unusable.isEmpty() ? QStringLiteral("switching is off") : unusable;
+    const bool isPartly = plan.settings.enabled && !unusable.isEmpty();
     const QString &connection = plan.settings.connection;
     plan.lookUp = lookUp(connection);
-    plan.warnings = lookUpWarnings(plan.lookUp, connection)
+    if (isPartly)
+        plan.warnings +=
+                QStringLiteral("%1; planned is what the library makes of it").arg(unusable);
+    plan.warnings += lookUpWarnings(plan.lookUp, connection)
             + shellWarnings({ connection }, nameEnds())
             + shellWarnings({ plan.lookUp.uuid }, shellCharacters);
     plan.exchanged = isExchanged(plan.settings);
+    plan.silentDhcpMs = silentDhcpMs(plan);
     findOtherAddresses(&plan);
     playPasses(&plan);
     const QString imported = DeviceSettings::announcement(path, plan.settings);
@@ -376,8 +401,10 @@ Plan make(const QString &path)
 Effort effortOf(const Plan &plan)
 {
     Effort most;
+    most.silentDhcpMs = plan.silentDhcpMs;
     for (const Pass &pass : plan.passes) {
         Effort effort;
+        effort.silentDhcpMs = plan.silentDhcpMs;
         for (const Turn &turn : pass.turns) {
             for (const Step &step : turn.steps)
                 add(&effort, step, plan.purposeOf(step),

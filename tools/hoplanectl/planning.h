@@ -16,7 +16,8 @@ constexpr int limitMs = 120 * 1000;
 // How long nmcli takes at worst.
 constexpr int hangingMs = 25 * 1000; // any command, when NetworkManager hangs
 constexpr int interruptedMs = 90 * 1000; // an activation that is interrupted
-constexpr int silentDhcpMs = 45 * 1000; // an activation that waits for a DHCP server in vain
+// An activation that waits for a DHCP server in vain, where the connection's profile has no time.
+constexpr int usualDhcpMs = 45 * 1000;
 
 // The look-up of the connection's UUID.
 struct LookUp
@@ -63,6 +64,7 @@ struct Plan
     QString addressBehind;
     QVector<Pass> passes;
     QStringList warnings;
+    int silentDhcpMs = usualDhcpMs; // an activation that waits for a DHCP server in vain
 
     Purpose purposeOf(const Rehearsal::Step &step) const;
 };
@@ -78,6 +80,7 @@ struct Effort
     int changes = 0;
     int activations = 0;
     int automaticActivations = 0;
+    int silentDhcpMs = usualDhcpMs; // of each automatic one
 
     // At most.
     int passMs() const
