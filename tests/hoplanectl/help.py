@@ -471,11 +471,12 @@ class Statuses(TestCase):
 
     def test_results_that_cannot_be_written(self):
         tool.write("one", {})
-        with open("/dev/full", "w", encoding="utf-8") as full:
-            done = subprocess.run([*tool.COMMAND, "show"], stdout=full, stderr=subprocess.PIPE,
-                                  encoding="utf-8", check=False)
-        self.assertEqual(done.returncode, 1)
-        self.assertIn("the results could not be written", done.stderr)
+        for words in (["show"], ["show", "--help"], ["--help"], ["--version"], ["-h"], ["-v"]):
+            with self.subTest(words), open("/dev/full", "w", encoding="utf-8") as full:
+                done = subprocess.run([*tool.COMMAND, *words], stdout=full, stderr=subprocess.PIPE,
+                                      encoding="utf-8", check=False)
+                self.assertEqual((done.returncode, done.stderr),
+                                 (1, "hoplanectl: the results could not be written\n"))
 
 
 class Words(TestCase):

@@ -5,10 +5,13 @@ import os
 import pathlib
 import re
 import resource
+import signal
 import subprocess
 import threading
 
 import tool
+# In the path since tool is imported.
+from laboratory import wait_until
 from tool import KEYS, path_of, write
 
 COMPLETE = {
@@ -460,6 +463,48 @@ class Failures(tool.TestCase):
                 self.stays(tool.Result(done), reason)
                 self.assertEqual(path.read_bytes(), before)
                 self.assertEqual(os.listdir(path.parent), ["switch.ini"])
+
+    def test_link_in_place_of_the_copy(self):
+        """Somebody else makes a link by the copy's name, once what was left there is removed: what
+        it leads to stays."""
+        path = write("device", COMPLETE)
+        victim = path.parent / "victim"
+        victim.write_text("precious", encoding="utf-8")
+        (path.parent / "switch.ini.new").symlink_to(victim)
+        before = path.read_bytes()
+        # As if it were there again.
+        done = traced(["-e", "trace=unlink,unlinkat", "-e", "inject=unlink,unlinkat:retval=0"],
+                      "enabled", "off")
+        self.stays(tool.Result(done), "switch.ini.new: File exists")
+        self.assertEqual((victim.read_text(encoding="utf-8"), path.read_bytes()),
+                         ("precious", before))
+
+    def test_link_in_place_of_the_new_file(self):
+        """Somebody else replaces the copy by a link when it is complete."""
+        path = write("device", COMPLETE)
+        victim, copy, trace = (path.parent / name
+                               for name in ("victim", "switch.ini.new", "trace"))
+        victim.write_text("precious", encoding="utf-8")
+        trace.touch()
+        before = path.read_bytes()
+        # The first renaming is Qt's, which writes the copy anew.
+        with subprocess.Popen(["strace", "-o", str(trace), "-e", "trace=rename", "-e",
+                               "inject=rename:signal=STOP:when=1", *tool.COMMAND, "set", "enabled",
+                               "off"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              encoding="utf-8",
+                              env=os.environ | {"ASAN_OPTIONS": "detect_leaks=0"}) as process:
+            wait_until(lambda: "stopped by SIGSTOP" in trace.read_text(encoding="utf-8"), 30,
+                       "the end of Qt's renaming")
+            copy.unlink()
+            copy.symlink_to(victim)
+            children = pathlib.Path(f"/proc/{process.pid}/task/{process.pid}/children")
+            os.kill(int(children.read_text(encoding="ascii")), signal.SIGCONT)
+            out, err = process.communicate(timeout=60)
+        self.assertEqual((process.returncode, out), (1, ""))
+        self.assertIn("Too many levels of symbolic links", err)
+        self.assertFalse(path.is_symlink())
+        self.assertEqual((victim.read_text(encoding="utf-8"), path.read_bytes()),
+                         ("precious", before))
 
     def test_folder_that_cannot_be_synchronised(self):
         """The file is replaced already."""

@@ -120,9 +120,12 @@ QString copyTo(const QString &copyPath, const QString &path)
     const bool exists = original.exists();
     if (exists && !original.open(QIODevice::ReadOnly))
         return original.errorString();
-    QFile copy(copyPath);
-    if (!copy.open(QIODevice::WriteOnly))
-        return copy.errorString();
+    // A new one: whoever else may write to the folder shall not lead root elsewhere by a link.
+    const int fd = open(QFile::encodeName(copyPath).constData(),
+                        O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    QFile copy;
+    if (fd < 0 || !copy.open(fd, QIODevice::WriteOnly, QFileDevice::AutoCloseHandle))
+        return systemError(copyPath);
     if (exists && !copy.setPermissions(original.permissions()))
         return copy.errorString();
     const QByteArray bytes = exists ? original.readAll() : QByteArray();

@@ -57,6 +57,15 @@ const Command *find(const QString &name)
     return found == end ? nullptr : found;
 }
 
+// The exit status: results that could not be written are no success.
+int end(Context *context, int status)
+{
+    if (context->out.finish())
+        return status;
+    Output::message(QStringLiteral("the results could not be written"));
+    return status == ExitGood ? ExitFailed : status;
+}
+
 // Takes the options before the command; what is left begins with the command.
 int takeOptions(Context *context, QStringList *arguments, bool *done)
 {
@@ -66,12 +75,12 @@ int takeOptions(Context *context, QStringList *arguments, bool *done)
         if (option == QLatin1String("-h") || option == QLatin1String("--help")) {
             context->out.setJson(false);
             context->out.line(overview());
-            return context->out.finish() ? ExitGood : ExitFailed;
+            return end(context, ExitGood);
         }
         if (option == QLatin1String("-v") || option == QLatin1String("--version")) {
             context->out.setJson(false);
             context->out.line(QStringLiteral("hoplanectl " HOPLANE_VERSION));
-            return context->out.finish() ? ExitGood : ExitFailed;
+            return end(context, ExitGood);
         }
         if (option == QLatin1String("--json")) {
             context->out.setJson(true);
@@ -111,12 +120,7 @@ int run(QStringList arguments)
     const Command *const command = find(name);
     if (!command)
         return usageError(QStringLiteral("there is no command \"%1\"").arg(name));
-    const int outcome = command->run(context, *command, arguments);
-    if (!context.out.finish()) {
-        Output::message(QStringLiteral("the results could not be written"));
-        return outcome == ExitGood ? ExitFailed : outcome;
-    }
-    return outcome;
+    return end(&context, command->run(context, *command, arguments));
 }
 
 // What is opened later shall not take the place of a stream that was closed. To standard output
