@@ -712,6 +712,10 @@ class Times(TestCase):
             "application in front": lambda m: f"{m:%Y-%m-%dT%H:%M:%S}.{ms(m)} failover(12): ",
             "syslog": lambda m: f"{m:%b %e %H:%M:%S}.{ms(m)} host failover[12]: ",
             "syslog, facility": lambda m: f"{m:%b %e %H:%M:%S}.{ms(m)} host user.info failover: ",
+            "RFC 5424": lambda m: f"<14>1 {m:%Y-%m-%dT%H:%M:%S}.{ms(m)}Z host failover 12 - - ",
+            "RFC 5424, data": lambda m: f"<14>1 {m:%Y-%m-%dT%H:%M:%S}.{ms(m)}+01:00 host failover "
+                                        '- ID [a@1 b="[c\\]"][d@2] \ufeff',
+            "RFC 5424, no level": lambda m: f"1 {m:%Y-%m-%dT%H:%M:%S}.{ms(m)}Z - failover - - -  ",
             "syslog without host": lambda m: f"{m:%b %e %H:%M:%S}.{ms(m)} user.debug failover: ",
             "syslog, ISO": lambda m: f"{m:%Y-%m-%dT%H:%M:%S}.{ms(m)}+0100 host failover[1]: ",
         }
@@ -727,6 +731,19 @@ class Times(TestCase):
                 self.assertEqual(objects[-1]["understood"], len(lines))
                 self.assertEqual(objects[-2]["durations"],
                                  {"lookups": 1, "commands": 3, "attempts": 0.5, "estimated": False})
+
+    def test_processes_of_rfc5424(self):
+        """Two processes of one program are kept apart, and named as the journal's short forms do;
+        the program's name is enough where there is no number."""
+        lines = [f"<14>1 2026-01-01T08:00:00Z host failover {number} - - {NEW}"
+                 for number in ("12", "13", "-")]
+        self.assertEqual([thing["process"] for thing in self.objects(lines)[:-1]],
+                         ["failover[12]", "failover[13]", "failover"])
+
+    def test_times_of_nobody_known(self):
+        """Times that are not understood: it is not said that there are none."""
+        lines = [f"21.11.2026 10:00:00 {line}" for line in [*LOAD, *turn(1)]]
+        self.assertIn("The log has no times that are understood.", self.log(lines).out)
 
     def test_new_year(self):
         """A log without years goes on over new year, and over a leap day."""
@@ -754,6 +771,15 @@ class Times(TestCase):
                          "the clock was set back meanwhile")
         self.assertIn(("clock", "the clock was set back here, from Mar  3 10:00:00 to Mar  3 "
                        "09:00:05, or lines are missing"), self.told(lines))
+
+    def test_clock_set_back_a_little(self):
+        """By more than threads exchange lines, in whole seconds: two seconds are a clock that was
+        set, one is not."""
+        for seconds, is_set in ((9, False), (8, True)):
+            lines = [f"Mar  3 10:00:10 h app[1]: {line}" for line in [*LOAD, *applying(1)]]
+            lines += [f"Mar  3 10:00:{seconds:02} h app[1]: {line}"
+                      for line in [*reached(1), FINISHED]]
+            self.assertEqual("clock" in [step for step, _ in self.told(lines)], is_set, seconds)
 
     def test_lines_out_of_order(self):
         """Threads that write at the same time exchange two lines: the clock was not set."""
@@ -802,7 +828,7 @@ class Times(TestCase):
         reckoned."""
         lines = [*LOAD, *turn(1), *applying(2), *failing(2, 3), *reached(2), FINISHED]
         text = self.log(2 * lines).out
-        self.assertEqual(text.count("The log has no times."), 1)
+        self.assertEqual(text.count("The log has no times that are understood."), 1)
         self.assertIn("not reached in 10 attempts  (5.0 s)", text)
         self.assertIn("reached at attempt 4 of 10, from 192.0.2.147  (2.0 s)", text)
         self.assertNotIn("activated  (", text)
@@ -927,11 +953,19 @@ class Files(TestCase):
 
     def test_journal_file(self):
         """A journal's own file: journalctl is what reads it."""
-        with tempfile.NamedTemporaryFile() as journal:
-            journal.write(b"LPKSHHRH\x00\x00\x00")
+        content = b"LPKSHHRH\x00\x00\x00\n" + NEW.encode()
+        with tempfile.NamedTemporaryFile(suffix=" 1.journal") as journal:
+            journal.write(content)
             journal.flush()
             result = self.expect(2, "log", journal.name)
-        self.assertIn("pipe \"journalctl --file", result.err)
+        hint = "cannot be read: it is a journal's own file; pipe \"journalctl --file {}\""
+        self.assertEqual(result.out, "")
+        self.assertIn(f"{journal.name} {hint.format(repr(journal.name))}", result.err)
+        for words in ([], ["-"]):
+            done = subprocess.run([*tool.COMMAND, "log", *words], input=content, timeout=60,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False)
+            self.assertEqual((done.returncode, done.stdout), (2, b""))
+            self.assertIn(f"standard input {hint.format('FILE')}", done.stderr.decode())
 
     def test_newest_first(self):
         """A journal that journalctl --reverse shows: no account is made of that."""
@@ -969,10 +1003,15 @@ class Files(TestCase):
 
     def test_file_that_begins_like_a_journal(self):
         """A first letter alone makes no journal."""
-        with tempfile.NamedTemporaryFile("w") as log:
-            log.write("Log of today\n" + NEW + "\n")
-            log.flush()
-            self.assertIn("1 line of others", self.expect(0, "log", log.name).out)
+        for first in ("Log of today", "LPKSHHR", "L"):
+            text = first + "\n" + NEW + "\n"
+            with self.subTest(first=first), tempfile.NamedTemporaryFile("w") as log:
+                log.write(text)
+                log.flush()
+                self.assertIn("1 line of others", self.expect(0, "log", log.name).out)
+            # A pipe cannot be read from its beginning again.
+            sum_ = self.expect(0, "--json", "log", "/dev/stdin", stdin=text).objects[-1]
+            self.assertEqual((sum_["lines"], sum_["others"]), (2, 1))
 
     def test_invalid_text(self):
         """Bytes that are no text do not stop it."""

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
+#include "checks.h"
 #include "logreader.h"
 #include "text.h"
 
@@ -9,7 +10,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <memory>
 
@@ -145,7 +145,7 @@ void Account::noteMissingTimes(const Moment &when)
         return;
     m_noted = true;
     const QString text =
-            QStringLiteral("The log has no times. Attempts are reckoned "
+            QStringLiteral("The log has no times that are understood. Attempts are reckoned "
                            "with the 0.5 s that each takes; no other duration is told.");
     m_out->line(text, Output::Warning);
     m_out->object({ { QStringLiteral("type"), QStringLiteral("note") },
@@ -220,13 +220,20 @@ void Account::tellSum()
                     { QStringLiteral("others"), m_foreign } });
 }
 
+// A journal's own files are not text; they begin like this.
+bool isJournal(const QByteArray &first)
+{
+    return first.startsWith("LPKSHHRH");
+}
+
 // Line by line as they come, so that a pipe may be followed. Returns what went wrong, or nothing.
 QString readAll(FILE *input, LogReader *reader, QByteArray *first)
 {
     char *line = nullptr;
     size_t size = 0;
     ssize_t length = 0;
-    while (!reader->isReversed() && (length = getline(&line, &size, input)) >= 0) {
+    while (!reader->isReversed() && !isJournal(*first)
+           && (length = getline(&line, &size, input)) >= 0) {
         const QByteArray bytes(line, int(length));
         if (first->isEmpty())
             *first = bytes;
@@ -235,22 +242,6 @@ QString readAll(FILE *input, LogReader *reader, QByteArray *first)
     QString error = ferror(input) ? Text::ofError(errno) : QString();
     free(line);
     return error;
-}
-
-// A journal's own files are not text.
-bool isJournal(FILE *input)
-{
-    const int first = std::fgetc(input);
-    if (first != 'L') {
-        std::ungetc(first, input);
-        return false;
-    }
-    char signature[7] = {};
-    const size_t length = std::fread(signature, 1, sizeof signature, input);
-    const bool is = length == sizeof signature && !std::memcmp(signature, "PKSHHRH", length);
-    if (!is)
-        std::rewind(input);
-    return is;
 }
 
 int cannotRead(const QString &name, const QString &reason)
@@ -282,6 +273,12 @@ int explain(Output *out, FILE *input, const QString &name)
             [&account](const LogEntry &entry, const LogLine &line) { account.take(entry, line); });
     QByteArray first;
     const QString error = readAll(input, &reader, &first);
+    if (isJournal(first))
+        return cannotRead(
+                name,
+                QStringLiteral("it is a journal's own file; pipe "
+                               "\"journalctl --file %1\" into hoplanectl log")
+                        .arg(input == stdin ? QStringLiteral("FILE") : Check::quoted(name)));
     if (reader.isReversed()) {
         Output::message(QStringLiteral("%1 has its newest lines first; journalctl without "
                                        "--reverse shows them in order")
@@ -323,10 +320,5 @@ int runLog(Context &context, const Command &command, const QStringList &argument
             std::fopen(QFile::encodeName(name).constData(), "re"), std::fclose);
     if (!file)
         return cannotRead(name, Text::ofError(errno));
-    if (isJournal(file.get()))
-        return cannotRead(name,
-                          QStringLiteral("it is a journal's own file; pipe "
-                                         "\"journalctl --file %1\" into hoplanectl log")
-                                  .arg(name));
     return explain(&context.out, file.get(), name);
 }

@@ -39,6 +39,17 @@ Form form(bool syslogs, const QString &text)
                                 QRegularExpression::DotMatchesEverythingOption) };
 }
 
+// Host, program, process, kind of message and further data, each "-" where there is none.
+QRegularExpression rfc5424()
+{
+    return QRegularExpression(QLatin1String("^(?:<\\d+>)?1 (?<time>") + datePattern
+                                      + QLatin1Char('T') + clockPattern + zonePattern
+                                      + QLatin1String(") \\S+ (?<program>\\S+) (?<id>\\S+) \\S+ "
+                                                      "(?:-|(?:\\[(?:[^\\]\\\\]|\\\\.)*\\])+)"
+                                                      "(?: \\x{FEFF}?(?<text>.*))?$"),
+                              QRegularExpression::DotMatchesEverythingOption);
+}
+
 const QVector<Form> &forms()
 {
     static const QVector<Form> all = {
@@ -54,6 +65,7 @@ const QVector<Form> &forms()
                      + QLatin1Char(')') + originPattern),
         form(true, QLatin1String("\\[ *") + numberPattern + QLatin1String("\\])") + originPattern),
         form(true, numberPattern + QLatin1Char(')') + originPattern),
+        { true, rfc5424() },
         // Qt's own
         form(false,
              QLatin1String("\\[?") + datePattern + QLatin1String("[T ]") + clockPattern
@@ -106,6 +118,13 @@ QString textOf(const QJsonValue &value)
     for (const auto &byte : numbers)
         bytes.append(char(byte.toInt()));
     return QString::fromUtf8(bytes);
+}
+
+// A process as the journal's short forms write it; "-" is no number.
+QString named(const QString &program, const QString &id)
+{
+    return id.isEmpty() || id == QLatin1String("-") ? program
+                                                    : QStringLiteral("%1[%2]").arg(program, id);
 }
 
 } // namespace
@@ -175,10 +194,7 @@ bool LogReader::takeObject(const QByteArray &line, Entry *entry) const
     entry->program = textOf(object[QStringLiteral("SYSLOG_IDENTIFIER")]);
     if (entry->program.isEmpty())
         entry->program = textOf(object[QStringLiteral("_COMM")]);
-    entry->process = entry->program;
-    const QString pid = object[QStringLiteral("_PID")].toString();
-    if (!pid.isEmpty())
-        entry->process += QStringLiteral("[%1]").arg(pid);
+    entry->process = named(entry->program, object[QStringLiteral("_PID")].toString());
     return true;
 }
 
@@ -193,6 +209,8 @@ bool LogReader::takePrefix(const QString &line, Entry *entry)
         if (form.syslogs) {
             entry->program = match.captured(QStringLiteral("program"));
             entry->process = match.captured(QStringLiteral("process"));
+            if (entry->process.isEmpty())
+                entry->process = named(entry->program, match.captured(QStringLiteral("id")));
         }
         entry->when = moment(match);
         const int beginning = LogLine::beginning(entry->text);
