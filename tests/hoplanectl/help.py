@@ -10,6 +10,7 @@ import pty
 import re
 import shlex
 import socket
+import shutil
 import subprocess
 import tempfile
 
@@ -46,6 +47,16 @@ Wired connection 1:802-3-ethernet
 lo:loopback
 Home of 802-3-ethernet:802-11-wireless
 a\:b:802-3-ethernet
+My net\:x 1:802-3-ethernet
+[lan]:802-3-ethernet
+it's:802-3-ethernet
+a;b:802-3-ethernet
+50%:802-3-ethernet
+-x:802-3-ethernet
+ x:802-3-ethernet
+x :802-3-ethernet
+hel:802-3-ethernet
+path:802-3-ethernet
 end
 """
 # Completes each line of the file "lines" as the Tab key does; tells what was offered, and then what
@@ -324,7 +335,7 @@ class Help(TestCase):
         tool.write("my device", {})
         tool.write("failover", {})
         commands, applications = set(self.commands), {r"my\ device", "failover"}
-        names = {r"Wired\ connection\ 1", "a:b"}
+        names = {r"Wired\ connection\ 1", "a:b", r"My\ net:x\ 1", r"\[lan\]"}
         network = SHARED | self.options("set")
         static = network - {"--dhcp"}
         table = [("", commands), ("--", SHARED | {"--version"}),
@@ -338,9 +349,14 @@ class Help(TestCase):
                  ("set network 1 --address=10.0.0.2/24 ", set()),
                  ("set network --", network), ("set network 1 --", network),
                  ("set network 1 --dhcp --", SHARED),
-                 ("set network 1 --address 10.0.0.2/24 --", static),
-                 ("set network 1 --gateway=10.0.0.1 --", static),
+                 ("set network 1 --address 10.0.0.2/24 --", static - {"--address"}),
+                 ("set network 1 --gateway=10.0.0.1 --", static - {"--gateway"}),
+                 ("set network 1 --address=10.0.0.2/24 --gateway 10.0.0.1 --",
+                  static - {"--address", "--gateway"}),
                  ("set network 1 --dns 10.0.0.1 --", static),
+                 ("set network 1 --address", {"--address"}), ("set network 1 --dh", {"--dhcp"}),
+                 ("set connection a:", {"b"}), ("set connection a : ", set()),
+                 ("set server 1 10.0.0.1:80 --", SHARED),
                  ("set server 1 --", SHARED), ("set enabled of", {"off"}),
                  ("set connection ", names), ("set connection W", {r"Wired\ connection\ 1"}),
                  (r"set connection Wired\ c", {r"Wired\ connection\ 1"}),
@@ -358,6 +374,12 @@ class Help(TestCase):
         table = [("set connection W", r"set connection Wired\ connection\ 1 "),
                  ('set connection "Wi', 'set connection "Wired connection 1" '),
                  ("set connection 'Wi", "set connection 'Wired connection 1' "),
+                 ("set connection a", "set connection a:b "),
+                 ("set connection a:", "set connection a:b "),
+                 ('set connection "a:', 'set connection "a:b" '),
+                 (r"set connection My\ net:", r"set connection My\ net:x\ 1 "),
+                 (r"set connection My\ net:x\ ", r"set connection My\ net:x\ 1 "),
+                 ("--app a:b set en", "--app a:b set enabled "),
                  (f"log {tool.HOME}/a", rf"log {tool.HOME}/a\ folder/"),
                  (f'import --from "{tool.HOME}/a', f'import --from "{tool.HOME}/a folder"/'),
                  (f'log "{tool.HOME}/a folder"/', rf'log {tool.HOME}/a\ folder/x\ y.log '),
@@ -365,6 +387,25 @@ class Help(TestCase):
         answers = bash_answers(["hoplanectl " + words for words, _ in table])
         self.assertEqual([line for _, line in answers],
                          ["hoplanectl " + expected for _, expected in table])
+
+    def test_documents_elsewhere(self):
+        """The user's documents are not in Documents: the tool and both completions know that."""
+        settings = tool.HOME / ".config" / "user-dirs.dirs"
+        settings.parent.mkdir(exist_ok=True)
+        self.addCleanup(settings.unlink)
+        for folder, written in ((tool.HOME / "My papers", "$HOME/My papers"),
+                                (pathlib.Path("/sandbox/tmp/papers"), "/sandbox/tmp/papers")):
+            self.addCleanup(shutil.rmtree, folder)
+            (folder / "elsewhere").mkdir(parents=True)
+            settings.write_text(f'# ours\nXDG_MUSIC_DIR="$HOME"\nXDG_DOCUMENTS_DIR="{written}"\n',
+                                encoding="utf-8")
+            with self.subTest(folder=folder):
+                self.expect(0, "--app", "elsewhere", "set", "enabled", "on")
+                path = folder / "elsewhere" / "switch.ini"
+                self.assertIn(f"file         {path}\n", self.expect(0, "show").out)
+                for answers in bash_answers, zsh_answers:
+                    self.assertEqual(answers(["hoplanectl --app "]),
+                                     [({"elsewhere"}, "hoplanectl --app elsewhere ")])
 
     def test_zsh_knows_every_option(self):
         text = (COMPLETION / "_hoplanectl").read_text(encoding="utf-8")
@@ -383,7 +424,7 @@ class Help(TestCase):
         tool.write("my device", {})
         tool.write("failover", {})
         number, state = {"1", "2"}, {"on", "off"}
-        names = {"Wired connection 1", "a:b"}
+        names = {"Wired connection 1", "a:b", "My net:x 1", "[lan]"}
         network = SHARED | self.options("set")
         table = [("", set(self.commands)), ("--", SHARED | {"--version"}),
                  ("--app ", {"my device", "failover"}), ("--app=", {"my device", "failover"}),

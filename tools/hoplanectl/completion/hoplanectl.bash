@@ -12,9 +12,10 @@ _hoplanectl_applications() {
   done
 }
 
-# The Ethernet connections that NetworkManager knows, one a line.
+# The Ethernet connections that NetworkManager knows, one a line, without those that set refuses.
 _hoplanectl_connections() {
-  nmcli -e no -g NAME,TYPE connection show 2>/dev/null | sed -n 's/:802-3-ethernet$//p'
+  nmcli -e no -g NAME,TYPE connection show 2>/dev/null | sed -n 's/:802-3-ethernet$//p' |
+    grep -Ev "[[:cntrl:]'\"\`\$\\;|&<>()%]|^[- ]| \$|^(h|he|hel|help|id|uuid|a?path|filename)\$"
 }
 
 # Offers the lines of standard input that begin with the word; they may contain blanks. Behind an
@@ -42,11 +43,16 @@ _hoplanectl_offer() {
 
 # Those of set network that go with the ones that are there already.
 _hoplanectl_network_options() {
-  case " ${COMP_WORDS[*]} " in
-    *' --dhcp '*) ;;
-    *' --address '* | *' --gateway '* | *' --dns '*) echo --address --gateway --dns ;;
-    *) echo --dhcp --address --gateway --dns ;;
+  local others=("${COMP_WORDS[@]}")
+  unset "others[COMP_CWORD]"
+  case " ${others[*]} " in
+    *' --dhcp '*) return ;;
+    *' --address '* | *' --gateway '* | *' --dns '*) ;;
+    *) echo --dhcp ;;
   esac
+  [[ " ${others[*]} " == *' --address '* ]] || echo --address
+  [[ " ${others[*]} " == *' --gateway '* ]] || echo --gateway
+  echo --dns
 }
 
 # The options of a command beside those that all have.
@@ -74,28 +80,64 @@ _hoplanectl_arguments() {
   esac
 }
 
+# Sets words: those up to the cursor. Readline ends a word at each colon, and a name does not; what
+# stands together is joined again.
+_hoplanectl_join() {
+  local rest=$COMP_LINE word trimmed
+  words=()
+  for word in "${COMP_WORDS[@]:0:COMP_CWORD + 1}"; do
+    trimmed=${rest#"${rest%%[![:blank:]]*}"}
+    if [[ $trimmed == "$rest" && ${#words[@]} -gt 0 && ($word == :* || ${words[-1]} == *:) ]]; then
+      words[-1]+=$word
+    else
+      words+=("$word")
+    fi
+    rest=${trimmed#"$word"}
+  done
+}
+
+# Takes from what is offered what stands before the last colon: readline leaves it where it is.
+_hoplanectl_trim() {
+  local before=$1 index
+  [[ ${COMP_WORDS[COMP_CWORD]} != "$before" ]] || return 0
+  while [[ $before == *:* ]]; do
+    before=${before#*:}
+    for index in "${!COMPREPLY[@]}"; do
+      COMPREPLY[index]=${COMPREPLY[index]#*:}
+    done
+  done
+}
+
 _hoplanectl() {
-  local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-  local command='' arguments=() index
+  local words
   COMPREPLY=()
+  _hoplanectl_join
+  _hoplanectl_complete
+  _hoplanectl_trim "${words[-1]}"
+}
+
+_hoplanectl_complete() {
+  local last=$((${#words[@]} - 1))
+  local word=${words[last]} previous=${words[last - 1]}
+  local command='' arguments=() index
   # "--app=x" is three words here.
   if [ "$word" = = ]; then
     word=''
   elif [ "$previous" = = ]; then
-    previous=${COMP_WORDS[COMP_CWORD - 2]}
+    previous=${words[last - 2]}
   fi
-  for ((index = 1; index < COMP_CWORD; ++index)); do
-    case ${COMP_WORDS[index]} in
+  for ((index = 1; index < last; ++index)); do
+    case ${words[index]} in
       --app | --address | --gateway | --dns | --from | --attempts | --interval | --timeout)
         ((++index))
-        [ "${COMP_WORDS[index]-}" != = ] || ((++index))
+        [ "${words[index]-}" != = ] || ((++index))
         ;;
       -*) ;;
       *)
         if [ -z "$command" ]; then
-          command=${COMP_WORDS[index]}
+          command=${words[index]}
         else
-          arguments+=("${COMP_WORDS[index]}")
+          arguments+=("${words[index]}")
         fi
         ;;
     esac
