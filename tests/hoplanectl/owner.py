@@ -9,18 +9,21 @@ import os
 import pathlib
 import pwd
 import shutil
+import signal
 import subprocess
 import sys
 
 import tool
 # In the path since tool is imported.
 import users
+from laboratory import wait_until
 from tool import path_of, write
 
 SANDBOX = pathlib.Path(__file__).resolve().parent.parent.parent / "script" / "sandbox"
 OWNER, OTHER = users.USERS["failover"], users.USERS["stranger"]
 DOCUMENTS = tool.HOME / "Documents"
 DEVICE = pathlib.Path("/sandbox/device")
+TRACE = pathlib.Path("/sandbox/trace")
 
 
 def owner_of(path):
@@ -142,6 +145,53 @@ class Owner(tool.TestCase):
         self.expect(0, "--app", "device", "set", "enabled", "on")
         for path in (DOCUMENTS, path_of("device").parent, path_of("device")):
             self.assertEqual(owner_of(path), (OWNER, OWNER))
+
+    def test_another_user_keeps_what_he_makes_in_a_folder_for_all(self):
+        path = path_of("device")
+        path.parent.mkdir()
+        os.chown(path.parent, OWNER, OWNER)
+        path.parent.chmod(0o777)
+        result = as_user(OTHER, "--app", "device", "set", "enabled", "on")
+        self.assertEqual((result.status, result.err), (0, ""))
+        self.assertEqual(owner_of(path), (OTHER, OTHER))
+
+    def traced(self, call, what):
+        """Begins `set` as root below strace, with that at its first system call."""
+        process = subprocess.Popen(
+            ["strace", "-o", str(TRACE), "-e", f"trace={call}", "-e", f"inject={call}:{what}:when=1",
+             *tool.COMMAND, "--app", "device", "set", "enabled", "on"], stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE, encoding="utf-8",
+            # Leaks cannot be looked for under strace.
+            env=os.environ | {"ASAN_OPTIONS": "detect_leaks=0"})
+        self.addCleanup(process.communicate)
+        self.addCleanup(process.kill)
+        return process
+
+    def test_folder_that_cannot_be_given(self):
+        """It is not left behind, and no file is made in it."""
+        process = self.traced("?lchown,?fchownat", "error=EPERM")
+        out, err = process.communicate(timeout=60)
+        self.assertEqual((process.returncode, out), (1, ""))
+        self.assertIn(f"the folder {path_of('device').parent} cannot be made", err)
+        self.assertEqual(os.listdir(DOCUMENTS), [])
+
+    def test_link_in_place_of_the_new_folder(self):
+        """The owner of the folder above replaces the new one by a link, before he is given it: what
+        the link leads to is not given to him."""
+        victim = pathlib.Path("/sandbox/victim")
+        victim.mkdir()
+        self.addCleanup(shutil.rmtree, victim)
+        TRACE.write_text("", encoding="utf-8")
+        process = self.traced("?mkdir,?mkdirat", "signal=STOP")
+        wait_until(lambda: "stopped by SIGSTOP" in TRACE.read_text(encoding="utf-8"), 30,
+                   "a new folder")
+        folder = path_of("device").parent
+        folder.rmdir()
+        folder.symlink_to(victim)
+        children = pathlib.Path(f"/proc/{process.pid}/task/{process.pid}/children")
+        os.kill(int(children.read_text(encoding="ascii")), signal.SIGCONT)
+        process.communicate(timeout=60)
+        self.assertEqual(owner_of(victim), (0, 0))
 
     def test_another_user_may_not_take_the_file_over(self):
         path = self.configured(0o644)

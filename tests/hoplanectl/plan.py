@@ -491,6 +491,14 @@ class Uuid(PlanCase):
         plan = self.expect_placeholder("Error: NetworkManager is not running.")
         self.assertEqual(self.PLACEHOLDER, plan.turns("each")[0][1])
 
+    def test_nmcli_reads_nothing(self):
+        """What the tool itself may read is not for nmcli."""
+        read = pathlib.Path("/sandbox/tmp/read")
+        read.unlink(missing_ok=True)
+        nmcli(UUID + "\\n", shell=f"cat >>{read}")
+        self.plan(BOTH_AUTOMATIC, stdin="the user's\n")
+        self.assertEqual("", read.read_text("utf-8"))
+
     def test_networkmanager_hangs(self):
         # The other one has nothing more to say.
         for hangs in ("exec sleep 1000", "exec sleep 1000 >&- 2>&-"):

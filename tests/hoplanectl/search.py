@@ -8,9 +8,13 @@ import json
 import os
 import pathlib
 import re
+import resource
 import signal
 import subprocess
+import unicodedata
+import unittest
 
+import checking
 import tool
 from laboratory import CONNECTION, NET1, NET2, PORT, wait_until
 from live import (APP, ARM, TestCase, Terminal, dhcp, masked, setUpModule,  # noqa: F401
@@ -23,6 +27,12 @@ DEVICE_FILE = pathlib.Path("/userdata/netSettings.ini")
 def is_stuck(process):
     """Whether the process waits for whoever reads its results."""
     return "pipe_write" in pathlib.Path(f"/proc/{process}/wchan").read_text(encoding="utf-8")
+
+
+def busy_ticks(process):
+    """What the process has used of the processor."""
+    fields = pathlib.Path(f"/proc/{process}/stat").read_text(encoding="utf-8").rpartition(") ")[2]
+    return sum(int(number) for number in fields.split()[11:13])
 
 
 def outcome(result):
@@ -298,6 +308,22 @@ class NotStarted(TestCase):
         path.write_bytes(b"\x7fELF\n")
         self.check(f"no search: {path} is no INI file throughout")
 
+    @unittest.skipIf(ARM, "the surroundings are not built for the emulated tool")
+    def test_changed_meanwhile(self):
+        """Switching is enabled right after the library has found it disabled."""
+        path = self.configure(enabled=False)
+        changed = path.with_name("changed.ini")
+        for options in ([], ["--json"]):
+            changed.write_text(self.configure(enabled=False).read_text(encoding="utf-8")
+                               .replace("SwitchEnable=false", "SwitchEnable=true"),
+                               encoding="utf-8")
+            result = self.expect(2, *options, "search", "--timeout", "60", environment={
+                "LD_PRELOAD": str(checking.surroundings()),
+                "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0",
+                "SURROUNDINGS_TOLD": "switching is disabled: nothing is done",
+                "SURROUNDINGS_NEW": str(changed), "SURROUNDINGS_OLD": str(path)})
+            self.assertEqual(result.err, f"hoplanectl: no search: {path} was changed meanwhile\n")
+
     def test_no_file(self):
         """No application has a configuration."""
         self.check("no application has a configuration")
@@ -378,6 +404,61 @@ class Ends(TestCase):
                 self.assertEqual(process.wait(30), -signal.SIGINT)
             finally:
                 process.kill()
+
+    def test_interrupted_while_nobody_reads(self):
+        """Ctrl-C while it waits for whoever reads: nothing that was told is lost."""
+        self.configure()
+        reader, writer = os.pipe()
+        room = fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
+        os.write(writer, b"\n" * room)
+        with subprocess.Popen([*tool.COMMAND, "search", "--json"], stdout=writer,
+                              stderr=subprocess.PIPE) as process:
+            os.close(writer)
+            try:
+                wait_until(lambda: is_stuck(process.pid), 30, "a full pipe")
+                process.send_signal(signal.SIGINT)
+                with open(reader, encoding="utf-8") as results:
+                    objects = [json.loads(line) for line in results if line.strip()]
+                self.assertEqual((process.stderr.read(), process.wait(60)), (b"", 130))
+            finally:
+                process.kill()
+        self.assertIn("the application takes the library into use", objects[0]["text"])
+        self.assertEqual(objects[-1]["outcome"], "interrupted")
+
+    def test_library_waits_for_the_reader(self):
+        """Nobody reads what it writes, and both networks are skipped: it comes to rest, instead of
+        keeping thousands of lines a second."""
+        self.configure(first=static(NET1), second=static(NET2))
+        with subprocess.Popen([*tool.COMMAND, "search", "--verbose"],
+                              stdout=subprocess.PIPE) as process:
+            try:
+                wait_until(lambda: is_stuck(process.pid), 30, "a full pipe")
+                latest = []
+
+                def rests():
+                    latest.append(busy_ticks(process.pid))
+                    return len(latest) > 50 and latest[-1] == latest[-50]
+                wait_until(rests, 30, "a search at rest")
+            finally:
+                process.kill()
+
+    @unittest.skipIf(ARM, "the emulator needs files of its own")
+    def test_fatal_message(self):
+        """The system refuses a thread what Qt cannot do without: what Qt says of it is told."""
+        self.configure()
+        statuses = []
+        for files in range(8, 64):
+            done = subprocess.run(
+                [*tool.COMMAND, "search", "--timeout", "1"], stdout=subprocess.DEVNULL,
+                stderr=subprocess.PIPE, encoding="utf-8", timeout=60, check=False,
+                env=os.environ | {"QT_NO_GLIB": "1"},
+                preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (files, files)))
+            statuses.append(done.returncode)
+            if done.returncode == -signal.SIGABRT:
+                self.assertRegex(done.stderr, "(?m)^hoplanectl: .*thread pipe$")
+            elif done.returncode == 1:
+                break
+        self.assertIn(-signal.SIGABRT, statuses)
 
     def test_hung_up(self):
         """The line over which it is shown is cut, perhaps by itself: it goes on to its end, and so
@@ -476,6 +557,31 @@ class Terminals(TestCase):
         drawn = [line for line in terminal.drawn if "of 120" in line]
         self.assertTrue(drawn)
         self.assertEqual({len(line) for line in drawn}, {29})
+
+    def test_wide_characters(self):
+        """The line never is wider than the terminal either where characters take two columns."""
+        self.configure(first=static(NET1, ServerIp="有线服务器" * 9))
+        terminal = Terminal("search", columns=70)
+        terminal.read_until("attempt 1 of 10 at 有线")
+        terminal.type(b"\x03")
+        terminal.read_all()
+        drawn = [line for line in terminal.drawn if "attempt 1 of 10" in line]
+        widths = {sum(2 if unicodedata.east_asian_width(letter) == "W" else 1 for letter in line)
+                  for line in drawn}
+        self.assertTrue(drawn)
+        self.assertLessEqual(max(widths), 69)
+        self.assertGreater(max(widths), 66)
+
+    def test_busy_log(self):
+        """Both networks are skipped, thousands of times a second: the line is drawn anew ten times
+        a second at most, and for each half second."""
+        self.configure(first=static(NET1), second=static(NET2))
+        terminal = Terminal("search", "--timeout", "2")
+        terminal.read_all()
+        drawn = [line for line in terminal.drawn if "of 120 s" in line]
+        self.assertGreater(len(drawn), 3)
+        told = terminal.screen.count("\n")
+        self.assertLessEqual(len(drawn), 2 * (10 + 2) + told)
 
     def test_ctrl_c(self):
         """Ctrl-C, as typed: a clean end."""

@@ -12,6 +12,8 @@
 //   SURROUNDINGS_ROOM          "FREE AVAILABLE FILES AVAILABLE": of each file system, the blocks
 //                              that are free and that anybody may have, and the files that it can
 //                              have and that anybody may make
+//   SURROUNDINGS_TOLD          a text: once it is told, the file SURROUNDINGS_NEW takes the place of
+//                              SURROUNDINGS_OLD
 
 #include <QSysInfo>
 #include <QTextCodec>
@@ -96,6 +98,15 @@ extern "C" ssize_t read(int fd, void *bytes, size_t most)
         }
     }
     return real<ssize_t (*)(int, void *, size_t)>("read")(fd, bytes, most);
+}
+
+extern "C" size_t fwrite(const void *bytes, size_t size, size_t count, FILE *stream)
+{
+    const char *const text = getenv("SURROUNDINGS_TOLD");
+    if (text && memmem(bytes, size * count, text, std::strlen(text)))
+        std::rename(getenv("SURROUNDINGS_NEW"), getenv("SURROUNDINGS_OLD"));
+    return real<size_t (*)(const void *, size_t, size_t, FILE *)>("fwrite")(bytes, size, count,
+                                                                            stream);
 }
 
 extern "C" int bind(int fd, const sockaddr *address, socklen_t length) noexcept
