@@ -35,6 +35,12 @@ def busy_ticks(process):
     return sum(int(number) for number in fields.split()[11:13])
 
 
+def catches(process, number):
+    """Whether it has a handler for the signal, which serves once."""
+    status = pathlib.Path(f"/proc/{process}/status").read_text(encoding="utf-8")
+    return bool(int(re.search(r"SigCgt:\s+(\w+)", status)[1], 16) >> (number - 1) & 1)
+
+
 def outcome(result):
     """The last object."""
     return result.objects[-1]
@@ -417,6 +423,7 @@ class Ends(TestCase):
             try:
                 wait_until(lambda: is_stuck(process.pid), 30, "a full pipe")
                 process.send_signal(signal.SIGINT)
+                wait_until(lambda: not catches(process.pid, signal.SIGINT), 30, "a caught Ctrl-C")
                 with open(reader, encoding="utf-8") as results:
                     objects = [json.loads(line) for line in results if line.strip()]
                 self.assertEqual((process.stderr.read(), process.wait(60)), (b"", 130))
