@@ -158,9 +158,9 @@ class Owner(tool.TestCase):
     def traced(self, call, what):
         """Begins `set` as root below strace, with that at its first system call."""
         process = subprocess.Popen(
-            ["strace", "-o", str(TRACE), "-e", f"trace={call}", "-e", f"inject={call}:{what}:when=1",
-             *tool.COMMAND, "--app", "device", "set", "enabled", "on"], stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE, encoding="utf-8",
+            ["strace", "-o", str(TRACE), "-e", f"trace={call}",
+             "-e", f"inject={call}:{what}:when=1", *tool.COMMAND, "--app", "device", "set",
+             "enabled", "on"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8",
             # Leaks cannot be looked for under strace.
             env=os.environ | {"ASAN_OPTIONS": "detect_leaks=0"})
         self.addCleanup(process.communicate)

@@ -300,7 +300,8 @@ class NotStarted(TestCase):
         """Switching is disabled, and the application's name is no plain word: the remedy has it in
         quotes."""
         path = self.configure(enabled=False, app="my app")
-        self.check(f"switching is disabled in {path}; enable it with hoplanectl --app 'my app' set enabled on")
+        self.check(f"switching is disabled in {path}; enable it with hoplanectl --app 'my app' "
+                   "set enabled on")
 
     def test_folder_in_place_of_the_file(self):
         """The file is a folder."""
