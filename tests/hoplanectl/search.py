@@ -12,7 +12,6 @@ import resource
 import signal
 import subprocess
 import unicodedata
-import unittest
 
 import checking
 import tool
@@ -22,6 +21,11 @@ from live import (APP, ARM, TestCase, Terminal, dhcp, masked, setUpModule,  # no
 
 FIRST, SECOND = f"{NET1.server}:{PORT}", f"{NET2.server}:{PORT}"
 DEVICE_FILE = pathlib.Path("/userdata/netSettings.ini")
+
+
+def native(test):
+    """A test that the emulated tool has not."""
+    return None if ARM else test
 
 
 def is_stuck(process):
@@ -315,7 +319,7 @@ class NotStarted(TestCase):
         path.write_bytes(b"\x7fELF\n")
         self.check(f"no search: {path} is no INI file throughout")
 
-    @unittest.skipIf(ARM, "the surroundings are not built for the emulated tool")
+    @native  # the surroundings are not built for the emulated tool
     def test_changed_meanwhile(self):
         """Switching is enabled right after the library has found it disabled."""
         path = self.configure(enabled=False)
@@ -450,7 +454,7 @@ class Ends(TestCase):
             finally:
                 process.kill()
 
-    @unittest.skipIf(ARM, "the emulator needs files of its own")
+    @native  # the emulator needs files of its own
     def test_fatal_message(self):
         """The system refuses a thread what Qt cannot do without: what Qt says of it is told."""
         self.configure()

@@ -523,7 +523,7 @@ class Failures(tool.TestCase):
         # Also where it seems to have the value.
         for value in ("off", "on"):
             self.stays(self.expect(1, "set", "enabled", value),
-                       f"{path} is no INI file throughout\n")
+                       f"{path} is no INI file throughout; hoplanectl check tells what helps\n")
             self.assertEqual(path.read_bytes(), before)
 
     def test_spoilt_meanwhile(self):
@@ -540,7 +540,7 @@ class Failures(tool.TestCase):
                 lock.unlink()
             out, err = process.communicate(timeout=60)
         self.assertEqual((process.returncode, out), (1, ""))
-        self.assertIn(f"nothing is changed: {path}: it cannot be read as an INI file", err)
+        self.assertIn(f"nothing is changed: {path}: it is no INI file throughout", err)
         self.assertEqual(path.read_bytes(), b"[General]\nSwitchEnable=true\nstray\n")
 
     def test_locked_by_a_writer(self):

@@ -56,7 +56,7 @@ int makeChanges(Output *out, const Changes &changes, bool dryRun)
     // Also where nothing would be written: the values of such a file are not what it seems to say.
     const QString unusable = QFileInfo::exists(path) ? Configuration::unusable(path) : QString();
     if (!unusable.isEmpty())
-        return refuse(unusable);
+        return refuse(unusable + QStringLiteral("; hoplanectl check tells what helps"));
     Settings before = Settings::read(path);
     // A key that is missing is written too, though it may mean the same.
     const bool different = !Configuration::differences(path, changes).isEmpty();

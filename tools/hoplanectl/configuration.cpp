@@ -140,12 +140,9 @@ QString applyTo(const QString &path, const Changes &changes)
     const bool isUtf8 = raw.open(QIODevice::ReadOnly) && Text::isUtf8(raw.readAll());
     raw.close();
     IniFile file(path);
-    // It takes the file apart when it is asked for something.
-    const QStringList keysBefore = file.allKeys();
+    (void)file.allKeys(); // until then some of it is not taken apart
     if (file.status() != QSettings::NoError)
-        return QStringLiteral("it cannot be read as an INI file%1; hoplanectl check tells what "
-                              "helps")
-                .arg(keysBefore.isEmpty() ? QString() : QStringLiteral(" throughout"));
+        return QStringLiteral("it is no INI file throughout; hoplanectl check tells what helps");
     for (const RawValue &change : changes.values())
         file.setValue(change.key, change.value);
     // All values are written anew, those of other keys too.
