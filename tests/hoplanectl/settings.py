@@ -370,7 +370,7 @@ class Failures(tool.TestCase):
             path.parent.mkdir(parents=True, exist_ok=True)
             make(path)
             self.stays(self.expect(1, "--app", "device", "set", "enabled", "on"),
-                       f"{path} is no regular file\n")
+                       f"{path} is no regular file; hoplanectl check tells what helps\n")
             tool.remove_all()
 
     def test_file_where_the_folder_should_be(self):
@@ -695,7 +695,8 @@ network 1: static address 10.0.0.2/24, gateway 10.0.0.1, name servers 10.0.0.53,
                 with self.subTest(reason=reason, options=options):
                     result = self.expect(1, "--app", "device", "import", *options)
                     self.assertEqual((result.out, result.err),
-                                     ("", f"hoplanectl: nothing is changed: {path} {reason}\n"))
+                                     ("", f"hoplanectl: nothing is changed: {path} {reason}; "
+                                          "hoplanectl check tells what helps\n"))
             tool.remove_all()
 
     def test_flag_of_the_group(self):

@@ -12,8 +12,8 @@
 //   SURROUNDINGS_ROOM          "FREE AVAILABLE FILES AVAILABLE": of each file system, the blocks
 //                              that are free and that anybody may have, and the files that it can
 //                              have and that anybody may make
-//   SURROUNDINGS_TOLD          a text: once it is told, the file SURROUNDINGS_NEW takes the place of
-//                              SURROUNDINGS_OLD
+//   SURROUNDINGS_TOLD          a text: once it is told, SURROUNDINGS_NEW takes the place of the
+//                              file SURROUNDINGS_OLD
 
 #include <QSysInfo>
 #include <QTextCodec>
