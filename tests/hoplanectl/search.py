@@ -416,6 +416,7 @@ class Ends(TestCase):
             finally:
                 process.kill()
 
+    @native  # the emulator catches all signals itself
     def test_interrupted_while_nobody_reads(self):
         """Ctrl-C while it waits for whoever reads: nothing that was told is lost."""
         self.configure()
