@@ -13,8 +13,8 @@ import socket
 import subprocess
 
 import tool  # first: it tells where the laboratory is
-import laboratory
 from checking import (DEVICE_FILE, ITEMS, PROBES, CheckCase, fault, good, not_judged, warning)
+from laboratory import add_interface
 from tool import HOME, path_of, write
 
 APP = "failover"
@@ -114,20 +114,6 @@ def nmcli(changes=None, missing=()):
     BIN.mkdir(exist_ok=True)
     (BIN / "nmcli").write_text("\n".join(lines) + "\n", encoding="utf-8")
     (BIN / "nmcli").chmod(0o755)
-
-
-def add_interface(clean_up, name, address):
-    """One that the library looks at; its other end is NAME-port. It goes when clean_up's time has
-    come."""
-    peer = f"{name}-port"
-    for command in (["link", "add", name, "type", "veth", "peer", "name", peer],
-                    ["address", "add", address, "dev", name],
-                    ["link", "set", peer, "up"], ["link", "set", name, "up"]):
-        subprocess.run(["ip", *command], check=True)
-    clean_up(subprocess.run, ["ip", "link", "del", name], check=True)
-    laboratory.wait_until(
-        lambda: pathlib.Path(f"/sys/class/net/{name}/operstate").read_text("ascii") == "up\n", 10,
-        f"{name} is up")
 
 
 def fill(folder):

@@ -14,7 +14,8 @@ import socket
 import subprocess
 import time
 
-import tool
+import tool  # first: it tells where the laboratory is
+from laboratory import add_interface
 
 BIN, CALLS, HARM = (pathlib.Path("/sandbox/tmp", name) for name in ("bin", "calls", "harm"))
 TRACE = pathlib.Path("/sandbox/tmp/trace")
@@ -152,16 +153,7 @@ class PlanCase(tool.TestCase):
         return result.out
 
     def give_address(self, address, name="eth0"):
-        ip("link", "add", name, "type", "veth", "peer", "name", f"{name}-port")
-        self.addCleanup(ip, "link", "del", name)
-        ip("address", "add", address, "dev", name)
-        ip("link", "set", f"{name}-port", "up")
-        ip("link", "set", name, "up")
-        state = pathlib.Path(f"/sys/class/net/{name}/operstate")
-        deadline = time.monotonic() + 10
-        while state.read_text().strip() != "up":
-            self.assertLess(time.monotonic(), deadline, f"{name} does not come up")
-            time.sleep(0.01)
+        add_interface(self.addCleanup, name, address)
 
 
 class Commands(PlanCase):

@@ -110,11 +110,11 @@ class PlanLab(tool.TestCase):
 
     def test_both_static_and_another_interface_with_an_address(self):
         """The library takes the other interface's address, and never tries the second network."""
-        run("ip", "link", "add", "wlan0", "type", "veth", "peer", "name", "port9")
-        self.addCleanup(run, "ip", "link", "del", "wlan0")
-        for name in ("port9", "wlan0"):
-            run("ip", "link", "set", name, "up")
-        run("ip", "address", "add", "203.0.113.5/24", "dev", "wlan0")
+        self.lab.add_second_cable()
+        self.addCleanup(run, "ip", "link", "del", "eth1")
+        self.lab.add_profile("second", "eth1", "ipv4.method", "manual", "ipv4.addresses",
+                             "203.0.113.5/24")
+        run("nmcli", "connection", "up", "second")
         self.lab.configure(static(NET1), static(NET2, ip="203.0.113.50"))
         _, turns = self.plan()
         commands = static_commands(self.lab.uuid, static(NET1))

@@ -115,6 +115,20 @@ def wait_until(condition, seconds, what):
         time.sleep(0.01)
 
 
+def add_interface(clean_up, name, address):
+    """One that the library looks at; its other end is NAME-port. It goes when clean_up's time has
+    come."""
+    peer = f"{name}-port"
+    for command in (["link", "add", name, "type", "veth", "peer", "name", peer],
+                    ["address", "add", address, "dev", name],
+                    ["link", "set", peer, "up"], ["link", "set", name, "up"]):
+        subprocess.run(["ip", *command], check=True)
+    clean_up(subprocess.run, ["ip", "link", "del", name], check=True)
+    wait_until(
+        lambda: pathlib.Path(f"/sys/class/net/{name}/operstate").read_text("ascii") == "up\n", 10,
+        f"{name} is up")
+
+
 class Timeline:
     """What happened, in order: (seconds of the monotonic clock, who, what)."""
 
