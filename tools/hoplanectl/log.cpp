@@ -296,7 +296,7 @@ int explain(Output *out, FILE *input, const QString &name)
     return nothingUnderstood;
 }
 
-const QString text = QStringLiteral(
+const QString logText = QStringLiteral(
         "Reads FILE, or standard input without one or for -: what the application wrote,\n"
         "or what the journal has, in any of journalctl's short forms and its JSON.\n"
         "Without times the attempts are reckoned with the 0.5 s that each takes.\n\n"
@@ -310,7 +310,7 @@ const QString text = QStringLiteral(
 int runLog(Context &context, const Command &command, const QStringList &arguments)
 {
     CommandLine line(command);
-    line.setText(text);
+    line.setText(logText);
     if (!line.parse(&context, arguments, 0, 1))
         return line.status();
     const QString name = line.arguments().value(0, QStringLiteral("-"));

@@ -14,7 +14,6 @@
 namespace {
 
 using namespace Planning;
-using Rehearsal::Step;
 
 // The text.
 
@@ -46,14 +45,14 @@ void showSteps(Output *out, const Turn &turn)
     const QString target = turn.targets.isEmpty() ? turn.names.join(QStringLiteral(", "))
                                                   : turn.targets.join(QStringLiteral(", "));
     for (int index = 0; index < turn.steps.size();) {
-        const Step &step = turn.steps[index];
-        if (step.kind == Step::Command) {
+        const Rehearsal::Step &step = turn.steps[index];
+        if (step.kind == Rehearsal::Step::Command) {
             out->line(QStringLiteral("     runs   ") + Text::visible(step.command));
             ++index;
             continue;
         }
         const int begin = index;
-        while (index < turn.steps.size() && turn.steps[index].kind == Step::Attempt
+        while (index < turn.steps.size() && turn.steps[index].kind == Rehearsal::Step::Attempt
                && turn.steps[index].milliseconds == step.milliseconds)
             ++index;
         out->line(QStringLiteral("     tries  %1, %2 of %3 ms")
@@ -188,8 +187,10 @@ QJsonObject placed(const char *type, const Pass &pass, int index)
 
 QJsonObject networkObject(QJsonObject object, const Turn &turn, const NetworkSettings &network)
 {
-    const auto attempt = std::find_if(turn.steps.begin(), turn.steps.end(),
-                                      [](const Step &step) { return step.kind == Step::Attempt; });
+    const auto attempt =
+            std::find_if(turn.steps.begin(), turn.steps.end(), [](const Rehearsal::Step &step) {
+                return step.kind == Rehearsal::Step::Attempt;
+            });
     object[QStringLiteral("server")] = network.serverIp;
     object[QStringLiteral("port")] = network.serverPort;
     object[QStringLiteral("addressing")] =
@@ -210,8 +211,8 @@ void showTurnObjects(Output *out, const Plan &plan, const Pass &pass, int index)
     out->object(networkObject(placed("network", pass, index), turn,
                               plan.settings.networks[turn.network]));
     int before = 0;
-    for (const Step &step : turn.steps) {
-        if (step.kind == Step::Attempt) {
+    for (const Rehearsal::Step &step : turn.steps) {
+        if (step.kind == Rehearsal::Step::Attempt) {
             ++before;
             continue;
         }

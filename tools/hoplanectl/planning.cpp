@@ -20,8 +20,6 @@ namespace Planning {
 
 namespace {
 
-using Rehearsal::Step;
-
 // What means something to the shell that runs the library's commands, blanks aside.
 const QLatin1String shellCharacters("'\"`$\\;|&<>()*?[]{}~#!");
 
@@ -121,7 +119,7 @@ LookUp lookUp(const QString &connection)
         QString name = connection;
         uuid = worker.getNetWorkUuid(name);
     };
-    const QVector<Step> steps = Rehearsal::play(find).steps;
+    const QVector<Rehearsal::Step> steps = Rehearsal::play(find).steps;
     if (steps.isEmpty())
         return {};
     LookUp found{ steps.first().command, QString(), QString() };
@@ -345,9 +343,9 @@ bool isExchanged(const Settings &settings)
     });
 }
 
-void add(Effort *effort, const Step &step, Purpose purpose, bool isAutomatic)
+void add(Effort *effort, const Rehearsal::Step &step, Purpose purpose, bool isAutomatic)
 {
-    if (step.kind == Step::Attempt) {
+    if (step.kind == Rehearsal::Step::Attempt) {
         effort->attemptsMs += step.milliseconds;
         return;
     }
@@ -361,11 +359,12 @@ void add(Effort *effort, const Step &step, Purpose purpose, bool isAutomatic)
 
 int Turn::attempts() const
 {
-    return int(std::count_if(steps.begin(), steps.end(),
-                             [](const Step &step) { return step.kind == Step::Attempt; }));
+    return int(std::count_if(steps.begin(), steps.end(), [](const Rehearsal::Step &step) {
+        return step.kind == Rehearsal::Step::Attempt;
+    }));
 }
 
-Purpose Plan::purposeOf(const Step &step) const
+Purpose Plan::purposeOf(const Rehearsal::Step &step) const
 {
     if (step.command == lookUp.command)
         return Purpose::LookUp;
@@ -406,7 +405,7 @@ Effort effortOf(const Plan &plan)
         Effort effort;
         effort.silentDhcpMs = plan.silentDhcpMs;
         for (const Turn &turn : pass.turns) {
-            for (const Step &step : turn.steps)
+            for (const Rehearsal::Step &step : turn.steps)
                 add(&effort, step, plan.purposeOf(step),
                     !plan.settings.networks[turn.network].isStatic);
         }

@@ -20,7 +20,7 @@ namespace {
 
 const QString attemptsOption = QStringLiteral("attempts");
 const QString intervalOption = QStringLiteral("interval");
-const QString example = QStringLiteral("192.0.2.1:9000");
+const QString exampleTarget = QStringLiteral("192.0.2.1:9000");
 
 // The verdict on the server is the first of these outcomes that was seen, and its number the exit
 // status.
@@ -66,11 +66,11 @@ Values::Verdict checkHost(const Target &target)
         return Values::Refusal{ target.text(),
                                 QStringLiteral("an IPv4 address has four numbers from 0 to 255 "
                                                "without leading zeros"),
-                                example };
+                                exampleTarget };
     if (!name.match(target.host).hasMatch() || target.host.startsWith(QLatin1Char('-')))
         return Values::Refusal{ target.text(),
                                 QStringLiteral("the host is neither an IPv4 address nor a name"),
-                                example };
+                                exampleTarget };
     return std::nullopt;
 }
 
@@ -192,7 +192,7 @@ int probe(Output *out, const Target &target, int attempts, int interval)
     return conclude(out, target, verdict, number, reason);
 }
 
-const QString text = QStringLiteral(
+const QString probeText = QStringLiteral(
         "Asks for a TCP connection and closes it at once. Nothing is sent over it, and\n"
         "nothing is changed: unlike a search this never touches the device's addressing.\n\n"
         "An attempt succeeds if the server accepts within the interval; the next one\n"
@@ -207,7 +207,7 @@ const QString text = QStringLiteral(
 int runProbe(Context &context, const Command &command, const QStringList &arguments)
 {
     CommandLine line(command);
-    line.setText(text);
+    line.setText(probeText);
     line.add({ attemptsOption, QStringLiteral("So many attempts at most, 1 to 1000. Default: 1."),
                QStringLiteral("N"), QStringLiteral("1") });
     line.add({ intervalOption,
@@ -227,10 +227,10 @@ int runProbe(Context &context, const Command &command, const QStringList &argume
     Target target{};
     const QString given = line.arguments().first();
     if (!split(given, &target))
-        return usageError(
-                Values::Refusal{ given, QStringLiteral("the host or the port is missing"), example }
-                        .text(),
-                QStringLiteral("probe"));
+        return usageError(Values::Refusal{ given, QStringLiteral("the host or the port is missing"),
+                                           exampleTarget }
+                                  .text(),
+                          QStringLiteral("probe"));
     Values::Verdict refusal = checkPort(&target);
     if (!refusal)
         refusal = checkHost(target);

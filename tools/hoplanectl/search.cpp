@@ -148,7 +148,7 @@ void Search::refuse(const QString &reason)
     leave(notStarted);
 }
 
-const QString text = QStringLiteral(
+const QString searchText = QStringLiteral(
         "Does what the application does with start(), and changes the device's\n"
         "addressing as it does. As at each start of the application the device's own\n"
         "network settings are imported first, if it has any.\n\n"
@@ -163,7 +163,7 @@ int runSearch(Context &context, const Command &command, const QStringList &argum
     const QString timeout = QStringLiteral("timeout");
     const QString verbose = QStringLiteral("verbose");
     CommandLine line(command);
-    line.setText(text);
+    line.setText(searchText);
     line.add({ timeout, QStringLiteral("Give up after so many seconds, 1 to %1.").arg(mostSeconds),
                QStringLiteral("S") });
     line.add({ verbose, QStringLiteral("Show each line of the library's log, too.") });

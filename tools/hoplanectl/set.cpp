@@ -160,7 +160,7 @@ QString contradiction(const CommandLine &line)
     return QString();
 }
 
-const QString text = QStringLiteral(
+const QString setText = QStringLiteral(
         "  set server 1|2 IP:PORT           the server, for example 192.0.2.1:9000\n"
         "  set network 1|2 --dhcp           automatic addressing beside that server\n"
         "  set network 1|2 --address IP/PREFIX [--gateway IP] [--dns IP [--dns IP]]\n"
@@ -174,7 +174,7 @@ const QString text = QStringLiteral(
 int runSet(Context &context, const Command &command, const QStringList &arguments)
 {
     CommandLine line(command);
-    line.setText(text);
+    line.setText(setText);
     line.add({ dhcpOption, QStringLiteral("Automatic addressing.") });
     line.add({ addressOption, QStringLiteral("Static address with prefix length."),
                QStringLiteral("IP/PREFIX") });

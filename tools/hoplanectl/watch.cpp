@@ -130,7 +130,7 @@ void Watch::interrupted(int signal)
     leave(interruption + signal);
 }
 
-const QString text = QStringLiteral(
+const QString watchText = QStringLiteral(
         "Asks for nothing. The library reacts to events as in the application, and\n"
         "changes the device's addressing then: on ARM to what the LAN switch reports, on\n"
         "other processors to notifications of links. As at each start of the application\n"
@@ -143,7 +143,7 @@ const QString text = QStringLiteral(
 int runWatch(Context &context, const Command &command, const QStringList &arguments)
 {
     CommandLine line(command);
-    line.setText(text);
+    line.setText(watchText);
     if (!line.parse(&context, arguments, 0, 0))
         return line.status();
     if (!Configuration::choose(context.app, true))

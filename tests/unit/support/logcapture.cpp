@@ -10,7 +10,7 @@
 
 namespace {
 
-std::mutex guard;
+std::mutex logGuard;
 QVector<LogLine> collected;
 std::function<void(const LogLine &)> listener;
 QtMessageHandler previous = nullptr;
@@ -22,7 +22,7 @@ void collect(QtMsgType type, const QMessageLogContext &context, const QString &t
                            QThread::currentThreadId() };
     std::function<void(const LogLine &)> callback;
     {
-        const std::lock_guard<std::mutex> lock(guard);
+        const std::lock_guard<std::mutex> lock(logGuard);
         collected.append(line);
         callback = listener;
     }
@@ -54,7 +54,7 @@ QString levelName(QtMsgType level)
 LogCapture::LogCapture()
 {
     {
-        const std::lock_guard<std::mutex> lock(guard);
+        const std::lock_guard<std::mutex> lock(logGuard);
         collected.clear();
     }
     previous = qInstallMessageHandler(collect);
@@ -69,7 +69,7 @@ LogCapture::~LogCapture()
 
 QVector<LogLine> LogCapture::allLines() const
 {
-    const std::lock_guard<std::mutex> lock(guard);
+    const std::lock_guard<std::mutex> lock(logGuard);
     return collected;
 }
 
@@ -100,7 +100,7 @@ int LogCapture::count(const QString &text) const
 
 void LogCapture::clear()
 {
-    const std::lock_guard<std::mutex> lock(guard);
+    const std::lock_guard<std::mutex> lock(logGuard);
     collected.clear();
 }
 
@@ -111,7 +111,7 @@ bool LogCapture::waitFor(const QString &text) const
 
 void LogCapture::onLine(std::function<void(const LogLine &)> callback)
 {
-    const std::lock_guard<std::mutex> lock(guard);
+    const std::lock_guard<std::mutex> lock(logGuard);
     listener = std::move(callback);
 }
 
