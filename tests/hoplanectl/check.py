@@ -118,7 +118,8 @@ def nmcli(changes=None, missing=()):
 
 def fill(folder):
     """Leaves no room on the folder's file system."""
-    subprocess.run(["mount", "-o", "remount,rw,size=64k", folder], check=True)
+    # With the device named: an ordinary user cannot give again the options that it already has.
+    subprocess.run(["mount", "-o", "remount,rw,size=64k", "tmpfs", folder], check=True)
     with contextlib.suppress(OSError), open(folder / "filler", "wb", buffering=0) as file:
         while True:
             file.write(bytes(4096))
@@ -410,7 +411,7 @@ class File(Case):
             self.assertEqual(1, tool.tool("set", "enabled", "off").status)
             (folder / "filler").unlink()
             self.expect_findings({})
-            subprocess.run(["mount", "-o", "remount,ro", folder], check=True)
+            subprocess.run(["mount", "-o", "remount,ro", "tmpfs", folder], check=True)
             self.expect_findings({"file": fault(f"{folder} is on a read-only file system: {lost}",
                                                 "mount -o remount,rw")})
         finally:
