@@ -7,6 +7,7 @@
 #include <QtCore/QSettings>
 #include <QtCore/QSysInfo>
 #include <QtCore/QThread>
+#include <QtNetwork/QAbstractSocket>
 
 #include "caddresswatcher.h"
 #include "hoplane.h"
@@ -14,6 +15,7 @@
 
 #include <dlfcn.h>
 #include <mutex>
+#include <poll.h>
 #include <set>
 #include <type_traits>
 #include <unistd.h>
@@ -267,6 +269,16 @@ void QThread::sleep(unsigned long seconds)
     if (const auto answer = hook(&Interpose::Hooks::sleep))
         return answer(seconds);
     real<void (*)(unsigned long)>("_ZN7QThread5sleepEm")(seconds);
+}
+
+bool QAbstractSocket::waitForConnected(int milliseconds)
+{
+    if (const auto answer = hook(&Interpose::Hooks::waitForConnected))
+        return answer();
+    pollfd connection = { int(socketDescriptor()), POLLOUT, 0 };
+    const bool isDecided = poll(&connection, 1, 0) == 1;
+    return real<bool (*)(QAbstractSocket *, int)>("_ZN15QAbstractSocket16waitForConnectedEi")(
+            this, isDecided ? 10000 : milliseconds);
 }
 
 bool QFile::exists(const QString &path)

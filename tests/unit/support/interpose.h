@@ -11,12 +11,17 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
+class QAbstractSocket;
+
 /**
  * Stands between the library and the functions that it calls through the dynamic linker, so that a
  * test can answer in their place. What no hook is set for reaches the real function.
  *
  * The socket functions are intercepted for the library's own netlink descriptors only: those
  * returned by socket() for PF_NETLINK with a bare type (Qt and glibc add SOCK_CLOEXEC).
+ *
+ * Where the kernel knows already how a connection went, waitForConnected() finds that out however
+ * long it takes: on a busy machine the library's millisecond may be over before anybody has looked.
  */
 namespace Interpose {
 
@@ -26,6 +31,7 @@ struct Hooks
     std::function<QDateTime()> currentDateTime;
     std::function<void(unsigned long)> msleep; // QThread::msleep
     std::function<void(unsigned long)> sleep; // QThread::sleep
+    std::function<bool()> waitForConnected; // QAbstractSocket::waitForConnected
     std::function<FILE *(const char *command, const char *mode)> popen;
     std::function<int(int domain, int type, int protocol)> socket;
     std::function<int(int fd, int level, int name, const void *value, socklen_t length)> setsockopt;
