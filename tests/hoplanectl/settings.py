@@ -24,6 +24,10 @@ COMPLETE = {
     "SecondLocalIp": "", "SecondLocalMask": "", "SecondLocalGateWay": "",
     "SecondPreferredDNS": "", "SecondSpareDNS": "",
 }
+# A list of so many elements that Qt gives up.
+BINARY = b"Remark=@Variant(\\0\\0\\0\\t\\x30\\0\\0\\0\\0)\n"
+MEMORY = ("hoplanectl: a value of switch.ini or of /userdata/netSettings.ini asks for more memory "
+          "than can be had, which ends the application too; remove what begins with @Variant(\n")
 STATIC = ["--address", "10.0.0.2/24"]
 
 
@@ -527,9 +531,36 @@ class Failures(tool.TestCase):
                        f"{path} is no INI file throughout; hoplanectl check tells what helps\n")
             self.assertEqual(path.read_bytes(), before)
 
+    def test_value_that_takes_all_memory(self):
+        """Qt's reader ends whoever reads it; the tool says so."""
+        write("device", COMPLETE)
+        device = pathlib.Path("/userdata/netSettings.ini")
+        for path, start in ((path_of("device"), path_of("device").read_bytes()),
+                            (device, b"[NetworkConnections]\nconName=lan\n")):
+            path.write_bytes(start + BINARY)
+            before = path_of("device").read_bytes()
+            commands = {("check",): 2, ("search",): 2, ("watch",): 2}
+            commands |= {("import",): 1} if path == device else {
+                ("show",): 1, ("show", "--raw"): 1, ("plan",): 1, ("set", "connection", "new"): 1}
+            for words, status in commands.items():
+                with self.subTest(path=path, command=words):
+                    done = self.expect(status, *words)
+                    self.assertIn(MEMORY, done.err)
+                    self.assertEqual(path_of("device").read_bytes(), before)
+                    self.assertEqual(os.listdir(path_of("device").parent), ["switch.ini"])
+            write("device", COMPLETE)
+        device.unlink()
+
     def test_spoilt_meanwhile(self):
         """Another program makes something else of the file after the tool has looked at it, before
         it has the lock."""
+        for spoilt, reason in ((b"[General]\nSwitchEnable=true\nstray\n",
+                                "nothing is changed: PATH: it is no INI file throughout"),
+                               (b"[General]\n" + BINARY, MEMORY)):
+            with self.subTest(spoilt=spoilt):
+                self.spoil(spoilt, reason)
+
+    def spoil(self, spoilt, reason):
         path = write("device", COMPLETE)
         lock = path.parent / "switch.ini.lock"
         # To open it, as whoever waits for a lock does, waits for this test.
@@ -537,12 +568,13 @@ class Failures(tool.TestCase):
         with subprocess.Popen([*tool.COMMAND, "set", "connection", "new"], stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE, encoding="utf-8") as process:
             with lock.open("wb"):
-                path.write_bytes(b"[General]\nSwitchEnable=true\nstray\n")
+                path.write_bytes(spoilt)
                 lock.unlink()
             out, err = process.communicate(timeout=60)
         self.assertEqual((process.returncode, out), (1, ""))
-        self.assertIn(f"nothing is changed: {path}: it is no INI file throughout", err)
-        self.assertEqual(path.read_bytes(), b"[General]\nSwitchEnable=true\nstray\n")
+        self.assertIn(reason.replace("PATH", str(path)), err)
+        self.assertEqual(path.read_bytes(), spoilt)
+        self.assertEqual(os.listdir(path.parent), ["switch.ini"])
 
     def test_locked_by_a_writer(self):
         path = write("device", COMPLETE)

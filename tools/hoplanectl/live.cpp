@@ -60,6 +60,14 @@ Live::Live(OnEntry onEntry, OnSignal onSignal)
     m_said.isError = true;
 }
 
+Live::~Live()
+{
+    if (theLive == this)
+        qInstallMessageHandler(nullptr);
+    if (m_errors >= 0)
+        dup2(m_errors, STDERR_FILENO);
+}
+
 bool Live::start(Output *out)
 {
     const int results = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);

@@ -25,6 +25,9 @@ public:
     // Both are called in the main thread, by its event loop. `onSignal`: SIGINT, SIGTERM
     // or SIGHUP came.
     Live(OnEntry onEntry, OnSignal onSignal);
+    // Only an exception comes here, see leave(): standard error leads where it led before.
+    ~Live();
+    Q_DISABLE_COPY(Live)
 
     // From here on standard output and standard error are the library's and its commands', and
     // `out` writes to where standard output led before. False, with a message, if that failed.

@@ -4,6 +4,7 @@
 #include "commandline.h"
 
 #include "commands.h"
+#include "devicesettings.h"
 
 #include <QCoreApplication>
 
@@ -13,6 +14,8 @@
 #include <algorithm>
 #include <clocale>
 #include <csignal>
+#include <cstdlib>
+#include <new>
 
 const Command commands[] = {
     { "show", "", "Shows the configuration", runShow },
@@ -107,6 +110,23 @@ QStringList words(int argc, char **argv)
     return words;
 }
 
+// Qt's reader has met a value in its binary form that asks for more memory than can be had. Nothing
+// is changed: files are read before they are written.
+[[noreturn]] void endWithoutMemory(const Command &command)
+{
+    Output::message(
+            QStringLiteral("a value of switch.ini or of %1 asks for more memory than can be "
+                           "had, which ends the application too; remove what begins with "
+                           "@Variant(")
+                    .arg(DeviceSettings::path()));
+    const QLatin1String name(command.name);
+    // A fault to check; and the others of these have not begun.
+    const bool isTwo = name == QLatin1String("check") || name == QLatin1String("search")
+            || name == QLatin1String("watch");
+    // The library's threads may be there, and never end.
+    std::_Exit(isTwo ? 2 : ExitFailed);
+}
+
 int run(QStringList arguments)
 {
     Context context;
@@ -120,7 +140,12 @@ int run(QStringList arguments)
     const Command *const command = find(name);
     if (!command)
         return usageError(QStringLiteral("there is no command \"%1\"").arg(name));
-    return end(&context, command->run(context, *command, arguments));
+    try {
+        return end(&context, command->run(context, *command, arguments));
+    } catch (const std::bad_alloc &) {
+        context.out.finish();
+        endWithoutMemory(*command);
+    }
 }
 
 // What is opened later shall not take the place of a stream that was closed. To standard output
