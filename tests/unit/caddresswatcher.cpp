@@ -14,13 +14,17 @@
 #include <QtTest/QtTest>
 
 #include <atomic>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <linux/rtnetlink.h>
+#include <malloc.h>
 #include <memory>
 #include <net/if.h>
+#include <stdio_ext.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -60,14 +64,16 @@ struct Received
         , result(content.size())
     {
     }
-    Received(const QByteArray &content, ssize_t returned)
+    Received(const QByteArray &content, ssize_t returned, int errorNumber = 0)
         : bytes(content)
         , result(returned)
+        , error(errorNumber)
     {
     }
 
     QByteArray bytes;
     ssize_t result;
+    int error = 0;
 };
 
 /**
@@ -96,6 +102,7 @@ public:
         const std::size_t start = (size + m_alignment - 1) / m_alignment * m_alignment;
         for (std::size_t i = start; i < length; ++i)
             bytes[i] = m_pattern.at(int((i - start) % std::size_t(m_pattern.size())));
+        errno = answer.error;
         return answer.result;
     }
 
@@ -144,6 +151,64 @@ private:
     int m_file;
 };
 
+enum class Fault { Closed, ReadOnly, NoReader, Full };
+
+/** Standard output that refuses each line, while this lives. The test's report waits until then. */
+class BrokenStdout
+{
+public:
+    explicit BrokenStdout(Fault fault)
+        : m_saved(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 500))
+        , m_handler(std::signal(SIGPIPE, SIG_IGN))
+    {
+        std::fflush(stdout);
+        int ends[2] = { -1, -1 };
+        if (fault == Fault::ReadOnly)
+            ends[1] = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        else if (fault == Fault::Full)
+            ends[1] = open("/dev/full", O_WRONLY | O_CLOEXEC);
+        else if (pipe2(ends, O_CLOEXEC) != 0)
+            qFatal("no pipe");
+        close(ends[0]);
+        if (m_saved < 0 || dup2(ends[1], STDOUT_FILENO) < 0)
+            qFatal("cannot replace standard output");
+        close(ends[1]);
+        if (fault == Fault::Closed)
+            close(STDOUT_FILENO);
+    }
+    ~BrokenStdout()
+    {
+        // What it did not take would come out later.
+        __fpurge(stdout);
+        std::clearerr(stdout);
+        dup2(m_saved, STDOUT_FILENO);
+        close(m_saved);
+        std::signal(SIGPIPE, m_handler);
+    }
+    Q_DISABLE_COPY(BrokenStdout)
+
+    bool hasRefused() const { return std::ferror(stdout) != 0; }
+
+private:
+    int m_saved;
+    void (*m_handler)(int);
+};
+
+/** How often this thread has given the processor up of itself: each sleep does, of any kind. */
+long givenUp()
+{
+    rusage usage = {};
+    getrusage(RUSAGE_THREAD, &usage);
+    return usage.ru_nvcsw;
+}
+
+/** What is allocated at the moment. A sanitizer's or valgrind's heap tells nothing: always 0. */
+std::size_t allocatedBytes()
+{
+    const struct mallinfo2 heap = mallinfo2();
+    return heap.uordblks + heap.hblkhd;
+}
+
 /** Appends each signal of @p watcher to @p events: "up", "down" or the state. */
 void collectSignals(CAddressWatcher *watcher, QObject *receiver, QStringList *events)
 {
@@ -190,6 +255,7 @@ public:
     QStringList events;
     /** Distinct calls of recv(), as "DESCRIPTOR LENGTH FLAGS". */
     QStringList receiveCalls;
+    long sleeps = 0;
 
 private:
     Feed m_feed;
@@ -216,7 +282,9 @@ void UeventLoop::play(const QVector<Received> &received)
         return m_feed.next(buffer, length);
     };
     Interpose::install(hooks);
+    const long before = givenUp();
     runUntilLoopEnd(&watcher);
+    sleeps = givenUp() - before;
 }
 
 /** A uevent as the kernel sends it: the strings, each with its NUL. */
@@ -317,6 +385,8 @@ struct LinkLoop
     Q_DISABLE_COPY(LinkLoop)
 
     void play(const QVector<Received> &received);
+    /** The same, with standard output as it is. */
+    void run(const QVector<Received> &received);
 
     CAddressWatcher watcher;
     SocketCalls socket;
@@ -331,7 +401,7 @@ struct LinkLoop
     QByteArray firstBuffer;
 };
 
-void LinkLoop::play(const QVector<Received> &received)
+void LinkLoop::run(const QVector<Received> &received)
 {
     // A message that would show as "99: up stray".
     Feed feed(linkUp(99, "stray"), 4);
@@ -344,14 +414,19 @@ void LinkLoop::play(const QVector<Received> &received)
             throw LoopEnd();
         return feed.isUsedUp() ? ssize_t(0) : feed.next(buffer, length);
     };
+    Interpose::install(hooks);
+    runUntilLoopEnd(&watcher);
+    Interpose::install(Interpose::Hooks());
+}
+
+void LinkLoop::play(const QVector<Received> &received)
+{
     const CapturedStdout captured;
     const auto look = [&] { outputAtSignal.append(captured.content()); };
     QObject context;
     QObject::connect(&watcher, &CAddressWatcher::addressChanged, &context, look);
     QObject::connect(&watcher, &CAddressWatcher::netWorkdown, &context, look);
-    Interpose::install(hooks);
-    runUntilLoopEnd(&watcher);
-    Interpose::install(Interpose::Hooks());
+    run(received);
     output = captured.content();
 }
 
@@ -500,6 +575,8 @@ constexpr char destroyVariable[] = "DESTROY_THE_RUNNING_WATCHER";
 
 } // namespace
 
+Q_DECLARE_METATYPE(Fault)
+
 /** The watcher's class, its two loops and their signals. */
 class CAddressWatcherTest : public QObject
 {
@@ -559,6 +636,10 @@ private Q_SLOTS:
     void messagesThatFillTheBuffer_areAllHandled();
     void printedLine_isThereBeforeItsSignal();
     void linkNotifications_areNotLogged();
+    void outputThatIsRefused_hidesNoSignal_data();
+    void outputThatIsRefused_hidesNoSignal();
+    void eventsWithoutEnd_takeNoMemory_data();
+    void eventsWithoutEnd_takeNoMemory();
     void goToEnd_doesNotStopTheLinkLoop();
 
     void linkThread_emitsItsSignalsAndEndsOnAnErrorMessage();
@@ -827,20 +908,31 @@ void CAddressWatcherTest::eachReceive_asksForAtMost2048BytesWithoutFlags()
 void CAddressWatcherTest::failedOrEmptyReceive_isRepeatedAtOnceInSilence_data()
 {
     QTest::addColumn<int>("result");
-    QTest::newRow("failed") << -1;
-    QTest::newRow("empty") << 0;
+    QTest::addColumn<int>("error");
+    QTest::newRow("overrun") << -1 << ENOBUFS;
+    QTest::newRow("interrupted") << -1 << EINTR;
+    QTest::newRow("out of memory") << -1 << ENOMEM;
+    QTest::newRow("nothing there") << -1 << EAGAIN;
+    QTest::newRow("no such descriptor") << -1 << EBADF;
+    QTest::newRow("any other error") << -1 << EIO;
+    QTest::newRow("empty") << 0 << 0;
 }
 
 void CAddressWatcherTest::failedOrEmptyReceive_isRepeatedAtOnceInSilence()
 {
     QFETCH(int, result);
+    QFETCH(int, error);
+    constexpr int failures = 200;
     UeventLoop loop;
     // What stands in the buffer without having been received is no event.
-    const Received nothing(uevent({ change, ours, "SWITCH_STATE=8" }), result);
-    loop.play({ nothing, nothing, nothing, uevent({ change, ours, "SWITCH_STATE=1" }), nothing });
+    const Received nothing(uevent({ change, ours, "SWITCH_STATE=8" }), result, error);
+    const QVector<Received> storm(failures, nothing);
+    loop.play(storm + QVector<Received>{ uevent({ change, ours, "SWITCH_STATE=1" }), nothing });
     QCOMPARE(loop.events, QStringList{ "1" });
     COMPARE_LOG(loop.log, (loop.opened({ LanSwitch::changeLine("", "change", 1) })));
     QCOMPARE(loop.socket.calls.filter("sleep"), QStringList());
+    // No pause of any kind, however short.
+    QVERIFY2(loop.sleeps < failures / 2, qPrintable(QString::number(loop.sleeps)));
     QCOMPARE(loop.socket.calls.count(ueventSocket), 1);
 }
 
@@ -972,11 +1064,14 @@ void CAddressWatcherTest::failedOrEmptyRead_endsTheLoop_data()
 void CAddressWatcherTest::failedOrEmptyRead_endsTheLoop()
 {
     QFETCH(int, result);
+    QFETCH(int, error);
+    const LogCapture log;
     LinkLoop loop;
-    loop.play({ linkUp(2, "eth0"), { linkUp(3, "eth1"), result }, linkUp(4, "eth2") });
+    loop.play({ linkUp(2, "eth0"), { linkUp(3, "eth1"), result, error }, linkUp(4, "eth2") });
     QCOMPARE(loop.readCalls.size(), 2);
     QCOMPARE(loop.output, QByteArray("2: up eth0\n"));
     QCOMPARE(loop.events, QStringList{ "up" });
+    COMPARE_LOG(log, {});
 }
 
 void CAddressWatcherTest::linkBuffer_isClearedOnceAndReadWhole()
@@ -1208,6 +1303,94 @@ void CAddressWatcherTest::linkNotifications_areNotLogged()
     loop.play({ linkUp(2, "eth0") + linkDown(3, "eth1"), message(NLMSG_ERROR, "") });
     QCOMPARE(loop.events.size(), 2);
     COMPARE_LOG(log, {});
+}
+
+void CAddressWatcherTest::outputThatIsRefused_hidesNoSignal_data()
+{
+    QTest::addColumn<Fault>("fault");
+    QTest::newRow("closed") << Fault::Closed;
+    QTest::newRow("for reading only") << Fault::ReadOnly;
+    QTest::newRow("without a reader, SIGPIPE ignored") << Fault::NoReader;
+    QTest::newRow("full") << Fault::Full;
+}
+
+void CAddressWatcherTest::outputThatIsRefused_hidesNoSignal()
+{
+    QFETCH(Fault, fault);
+    const LogCapture log;
+    LinkLoop loop;
+    bool wasRefused = false;
+    {
+        const BrokenStdout broken(fault);
+        loop.run({ linkUp(2, "eth0") + linkDown(3, "eth1"), linkUp(2, "eth0") });
+        wasRefused = broken.hasRefused();
+    }
+    QVERIFY(wasRefused);
+    QCOMPARE(loop.events, (QStringList{ "up", "down", "up" }));
+    QCOMPARE(loop.readCalls.size(), 3);
+    COMPARE_LOG(log, {});
+}
+
+void CAddressWatcherTest::eventsWithoutEnd_takeNoMemory_data()
+{
+    QTest::addColumn<QString>("architecture");
+    QTest::addColumn<QByteArrayList>("messages");
+    QByteArrayList uevents;
+    QByteArrayList links;
+    for (int i = 0; i < 16; ++i) {
+        const QByteArray number = QByteArray::number(i);
+        uevents.append(
+                uevent({ change, ours, "SWITCH_NAME=switch" + number, "SWITCH_STATE=" + number }));
+        links.append(linkUp(i, "wired-net" + number) + linkDown(i, "wired-net" + number));
+    }
+    QTest::newRow("uevents") << "arm64" << uevents;
+    QTest::newRow("link notifications") << "x86_64" << links;
+}
+
+void CAddressWatcherTest::eventsWithoutEnd_takeNoMemory()
+{
+    QFETCH(QString, architecture);
+    QFETCH(QByteArrayList, messages);
+    constexpr int first = 1000; // by then all that is made once is there
+    constexpr int last = first + 100000;
+    int received = 0;
+    std::size_t atFirst = 0;
+    std::size_t atLast = 0;
+    const auto next = [&](void *buffer) {
+        if (received == first)
+            atFirst = allocatedBytes();
+        if (received == last) {
+            atLast = allocatedBytes();
+            throw LoopEnd();
+        }
+        const QByteArray &message = messages.at(received++ % messages.size());
+        std::memcpy(buffer, message.constData(), std::size_t(message.size()));
+        return ssize_t(message.size());
+    };
+    CAddressWatcher watcher(nullptr);
+    int emitted = 0;
+    const auto count = [&] { ++emitted; };
+    QObject::connect(&watcher, &CAddressWatcher::reopen_network, count);
+    QObject::connect(&watcher, &CAddressWatcher::addressChanged, count);
+    QObject::connect(&watcher, &CAddressWatcher::netWorkdown, count);
+    SocketCalls socket;
+    Interpose::Hooks hooks;
+    socket.addTo(&hooks);
+    hooks.currentCpuArchitecture = [&] { return architecture; };
+    hooks.recv = [&](int, void *buffer, size_t, int) { return next(buffer); };
+    hooks.read = [&](int, void *buffer, size_t) { return next(buffer); };
+    const QtMessageHandler kept =
+            qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+    {
+        const CapturedStdout captured;
+        Interpose::install(hooks);
+        runUntilLoopEnd(&watcher);
+        Interpose::install(Interpose::Hooks());
+    }
+    qInstallMessageHandler(kept);
+    QCOMPARE(received, last);
+    QCOMPARE(emitted, architecture == "arm64" ? last : 2 * last);
+    QCOMPARE(atLast, atFirst);
 }
 
 void CAddressWatcherTest::goToEnd_doesNotStopTheLinkLoop()

@@ -235,6 +235,8 @@ private Q_SLOTS:
     void serverExchange_data();
     void serverExchange();
     void serverExchange_endsWithTheNextLoad();
+    void fileReplacedDuringALoad_isNotMixedIn_data();
+    void fileReplacedDuringALoad_isNotMixedIn();
     void summaryLines_showTheLoadedServers_data();
     void summaryLines_showTheLoadedServers();
     void load_neverWrites_data();
@@ -660,6 +662,46 @@ void ConfigurationTest::serverExchange_endsWithTheNextLoad()
     SwitchIni::setContent(iniOf(withFlags("0", "0")));
     worker->loadConfig();
     QCOMPARE(worker.values(), withFlags("false", "false"));
+}
+
+void ConfigurationTest::fileReplacedDuringALoad_isNotMixedIn_data()
+{
+    QTest::addColumn<bool>("isExchanged");
+    QTest::addColumn<int>("reads");
+    for (int reads = 1; reads <= 34; ++reads)
+        QTest::addRow("exchange, before read %d", reads) << true << reads;
+    for (int reads = 1; reads <= 18; ++reads)
+        QTest::addRow("file's order, before read %d", reads) << false << reads;
+}
+
+/** A load is of one file as a whole, the one that it met; the next load is of the new one. */
+void ConfigurationTest::fileReplacedDuringALoad_isNotMixedIn()
+{
+    QFETCH(bool, isExchanged);
+    QFETCH(int, reads);
+    const QStringList stored = isExchanged ? withFlags("false", "true") : distinctValues();
+    QStringList replaced = stored;
+    for (int i = 0; i < replaced.size(); ++i) {
+        if (fields()[i].text)
+            replaced[i] += " (new)";
+    }
+    SwitchIni::setContent(iniOf(stored));
+    int count = 0;
+    Interpose::Hooks hooks = onArchitecture("x86_64");
+    hooks.settingsValue = [&](const QString &, const QVariant &) {
+        if (++count == reads)
+            SwitchIni::setContent(iniOf(replaced));
+    };
+    WorkerFixture worker(hooks);
+    LogCapture log;
+    for (const QStringList &values : { stored, replaced }) {
+        const QStringList expected = isExchanged ? exchanged(values) : values;
+        log.clear();
+        worker->loadConfig();
+        QCOMPARE(valuesOf(Peek::record(*worker)), expected);
+        COMPARE_LOG(log, (summaryOf(expected)));
+    }
+    QCOMPARE(count, 2 * (isExchanged ? 34 : 18));
 }
 
 void ConfigurationTest::summaryLines_showTheLoadedServers_data()

@@ -321,6 +321,8 @@ public:
     bool isEmpty() const override { return false; }
 };
 
+constexpr qint64 year = Q_INT64_C(365) * 24 * 3600 * 1000;
+
 using ConnectFunction = bool (NetworkSwitchWorker::*)();
 
 } // namespace
@@ -338,6 +340,9 @@ private Q_SLOTS:
     void neitherServerAnswers_passesRepeatUntilTheLimit();
     void timeLimit_stopsNewPasses_data();
     void timeLimit_stopsNewPasses();
+    void clockThatWasSetForward_shortensNoLaterSearch();
+    void clockThatJumpsWithinAPass_isNotNoticed_data();
+    void clockThatJumpsWithinAPass_isNotNoticed();
     void timeLimitWithinAPass_letsThePassEnd();
     void failureText_isTheSameInEveryLanguage();
     void stateAtTheBeginning_doesNotMatter_data();
@@ -462,6 +467,12 @@ void FailoverTest::timeLimit_stopsNewPasses_data()
     QTest::newRow("three passes") << Readings{ 0, 0, 1, 119999, 120001 } << 3;
     QTest::newRow("not from midnight") << Readings{ 50000, 169999, 170000 } << 1;
     QTest::newRow("a clock set back") << Readings{ 0, -3600000, 120000 } << 1;
+    // Until it shows what it would have shown, and not before.
+    QTest::newRow("a year back") << Readings{ 0,      -year, -year + 120000, -year + 240000,
+                                              119999, 120000 }
+                                 << 4;
+    QTest::newRow("a year forward") << Readings{ 0, 0, year } << 1;
+    QTest::newRow("a year back, then forward") << Readings{ 0, 0, -year, year } << 2;
     QTest::newRow("more than 32 bits") << Readings{ 0, Q_INT64_C(0x100000005) } << 0;
 }
 
@@ -477,6 +488,51 @@ void FailoverTest::timeLimit_stopsNewPasses()
     QCOMPARE(rig.failedAttempts, 20 * passes);
     QCOMPARE(rig.clockReads, readings.size());
     QVERIFY(rig.log.count(timeOutLine.first().text) == 1);
+}
+
+/** A year forward, which ends a search, then back. */
+void FailoverTest::clockThatWasSetForward_shortensNoLaterSearch()
+{
+    Rig rig;
+    rig.readings = { 0, 0, year };
+    rig->findAvailableIp();
+    QCOMPARE(rig.clockReads, 3);
+    QCOMPARE(rig.failedAttempts, 20);
+
+    rig.failedAttempts = 0;
+    rig.clockReads = 0;
+    rig.readings = { 0, 0, 10000, 119999, 120000 };
+    rig->findAvailableIp();
+    QCOMPARE(rig.clockReads, 5);
+    QCOMPARE(rig.failedAttempts, 3 * 20);
+    QCOMPARE(rig.log.count(timeOutLine.first().text), 2);
+}
+
+void FailoverTest::clockThatJumpsWithinAPass_isNotNoticed_data()
+{
+    QTest::addColumn<qint64>("jump");
+    QTest::newRow("a year forward, then back") << year;
+    QTest::newRow("a year back, then forward") << -year;
+}
+
+/** It is only looked at before a pass. */
+void FailoverTest::clockThatJumpsWithinAPass_isNotNoticed()
+{
+    QFETCH(qint64, jump);
+    Rig rig;
+    rig.onSleep = [&] {
+        // In each pass, of two probes of ten.
+        const int sleep = rig.sleeps.size() % 20;
+        if (sleep == 3)
+            rig.now += jump;
+        else if (sleep == 17)
+            rig.now -= jump;
+    };
+    rig->findAvailableIp();
+    // As without a jump.
+    QCOMPARE(rig.failedAttempts, 12 * 20);
+    QCOMPARE(rig.clockReads, 14);
+    QCOMPARE(rig.log.count(timeOutLine.first().text), 1);
 }
 
 void FailoverTest::timeLimitWithinAPass_letsThePassEnd()

@@ -255,7 +255,7 @@ void SettingsImportTest::completeDeviceFile_logsNothing()
     setDevice(deviceLines());
     LogCapture log;
     lastingFacade()->loadSwitchLocalConfig();
-    QCOMPARE(log.allLines().size(), 0);
+    QCOMPARE(log.lines().size(), 0);
 }
 
 void SettingsImportTest::missingSwitchIni_isMadeWithTheImportedKeysOnly()
@@ -533,7 +533,7 @@ void SettingsImportTest::deviceFileThatCannotBeUsed_clearsEverything()
         WithoutFileOverride ordinaryUser;
         lastingFacade()->loadSwitchLocalConfig();
     }
-    QCOMPARE(log.allLines().size(), 0);
+    QCOMPARE(log.lines().size(), 0);
     QCOMPARE(storedLines(), sorted(serverLines() + nothingImportedLines()));
 }
 
@@ -621,7 +621,7 @@ void SettingsImportTest::switchIniThatCannotBeWritten_isNoFailure()
     LogCapture log;
     const QStringList trace = tracedImport();
     QVERIFY(QFile::remove(taken));
-    QCOMPARE(log.allLines().size(), 0);
+    QCOMPARE(log.lines().size(), 0);
     QCOMPARE(trace, expectedTrace(true));
 }
 

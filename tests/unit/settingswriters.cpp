@@ -218,7 +218,7 @@ void SettingsWritersTest::switchInfo_needsNoInstance()
     LogCapture log;
     QVERIFY(Hoplane::saveSwitchInfoToFile(true, "10.1.0.1", "9001", "10.2.0.1", "9002"));
     QVERIFY(SwitchIni::content().contains("FirstServerIp=10.1.0.1\n"));
-    QCOMPARE(log.allLines().size(), 0);
+    QCOMPARE(log.lines().size(), 0);
 
     lastingFacade();
     COMPARE_LOG(log,
@@ -546,7 +546,7 @@ void SettingsWritersTest::fileThatCannotBeWritten_staysAndNobodyIsTold()
         WithoutFileOverride ordinaryUser;
         QVERIFY(tested.call(true, texts(tested.textCount())));
     }
-    QCOMPARE(log.allLines().size(), 0);
+    QCOMPARE(log.lines().size(), 0);
     QCOMPARE(SwitchIni::content(), content);
     QCOMPARE(QFileInfo(SwitchIni::path()).dir().entryList(QDir::Files | QDir::Hidden),
              content.isNull() ? QStringList() : QStringList("switch.ini"));
@@ -569,7 +569,7 @@ void SettingsWritersTest::folderThatCannotBeMade_isNoFailure()
 
     LogCapture log;
     QVERIFY(tested.call(true, texts(tested.textCount())));
-    QCOMPARE(log.allLines().size(), 0);
+    QCOMPARE(log.lines().size(), 0);
     QVERIFY(QFileInfo(taken).isFile());
     QVERIFY(QFile::remove(taken));
 }
@@ -588,7 +588,7 @@ void SettingsWritersTest::writers_logAndSignalNothing()
     LogCapture log;
     for (const Writer &writer : writers())
         QVERIFY(writer.call(true, texts(writer.textCount())));
-    QCOMPARE(log.allLines().size(), 0);
+    QCOMPARE(log.lines().size(), 0);
     for (const auto &spy : spies)
         QVERIFY2(spy->isEmpty(), spy->signal().constData());
 }

@@ -12,10 +12,11 @@
 #include <QtCore/QStandardPaths>
 #include <QtCore/QThread>
 
-#include <atomic>
+#include <chrono>
 #include <linux/capability.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -166,7 +167,21 @@ void WorkerFixture::setHooks(Interpose::Hooks hooks)
     m_netlink.addTo(&hooks);
     if (!hooks.currentCpuArchitecture)
         hooks.currentCpuArchitecture = [] { return QStringLiteral("x86_64"); };
+    hooks.read = [listens = m_listens, read = hooks.read](int fd, void *buffer, size_t length) {
+        *listens = true;
+        return read ? read(fd, buffer, length) : Interpose::Real::read(fd, buffer, length);
+    };
     Interpose::install(hooks);
+}
+
+void WorkerFixture::waitUntilItListens() const
+{
+    constexpr int patienceMs = 60000;
+    for (int i = 0; !*m_listens; ++i) {
+        if (i == patienceMs)
+            qFatal("the watcher does not listen");
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 Hoplane *lastingFacade()

@@ -12,6 +12,7 @@
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QVector>
 
+#include <atomic>
 #include <memory>
 
 /**
@@ -88,6 +89,9 @@ public:
     /** Changes hooks while the worker lives; keeps those of the FakeNetlink. */
     void setHooks(Interpose::Hooks hooks);
 
+    /** Until the watcher's thread reads: it opens descriptors of its own before that. */
+    void waitUntilItListens() const;
+
     NetworkSwitchWorker &operator*() { return *m_worker; }
     NetworkSwitchWorker *operator->() { return m_worker.get(); }
     NetworkSwitchWorker *get() { return m_worker.get(); }
@@ -95,6 +99,7 @@ public:
 
 private:
     FakeNetlink m_netlink;
+    const std::shared_ptr<std::atomic<bool>> m_listens = std::make_shared<std::atomic<bool>>(false);
     std::unique_ptr<NetworkSwitchWorker> m_worker;
 };
 

@@ -67,21 +67,10 @@ LogCapture::~LogCapture()
     previous = nullptr;
 }
 
-QVector<LogLine> LogCapture::allLines() const
+QVector<LogLine> LogCapture::lines() const
 {
     const std::lock_guard<std::mutex> lock(logGuard);
     return collected;
-}
-
-QVector<LogLine> LogCapture::lines() const
-{
-    QVector<LogLine> own;
-    const QVector<LogLine> all = allLines();
-    for (const LogLine &line : all) {
-        if (line.text.startsWith(QLatin1String("[ ")))
-            own.append(line);
-    }
-    return own;
 }
 
 QStringList LogCapture::texts() const

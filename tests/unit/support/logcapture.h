@@ -34,10 +34,8 @@ public:
     ~LogCapture();
     Q_DISABLE_COPY(LogCapture)
 
-    /** The library's lines: those that begin with "[ ". */
+    /** Every line, of whatever form: one that the library does not mean to write is a fault too. */
     QVector<LogLine> lines() const;
-    /** All lines, Qt's own included. */
-    QVector<LogLine> allLines() const;
     QStringList texts() const;
     int count(const QString &text) const;
     void clear();
@@ -49,7 +47,7 @@ public:
     void onLine(std::function<void(const LogLine &)> callback);
 
     /**
-     * Empty if the library logged exactly @p expected, each in category "default" without file,
+     * Empty if exactly @p expected was logged, each in category "default" without file,
      * line and function; otherwise the difference, for a failure's text.
      */
     QString difference(const QVector<Expected> &expected) const;

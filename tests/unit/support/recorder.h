@@ -46,13 +46,10 @@ public:
         };
     }
 
-    /** Records the library's log lines. */
+    /** Records every log line. */
     void addLinesOf(LogCapture *log) const
     {
-        log->onLine([recorder = *this](const LogLine &line) {
-            if (line.text.startsWith(QLatin1String("[ ")))
-                recorder.add(line.text);
-        });
+        log->onLine([recorder = *this](const LogLine &line) { recorder.add(line.text); });
     }
 
 private:
