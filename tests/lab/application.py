@@ -197,6 +197,18 @@ class Application:
         """Nothing was signalled but what was expected, now that all have come to rest."""
         check_equal(self.signals_until_rest(), [], "signals that nobody expected")
 
+    def forget(self):
+        """What it has told until now, but for stalls and strays: for runs of hours."""
+        self.events.clear()
+        for kind, events in self._of_kind.items():
+            if kind not in ("stall", "stray"):
+                events.clear()
+                self._looked_at[kind] = 0
+
+    def stalls(self):
+        """How long the event loop was kept from running, each time, in milliseconds."""
+        return [int(event.text) for event in self._of_kind["stall"]]
+
     # What it holds of the machine.
 
     def _process(self, *path):
@@ -207,10 +219,11 @@ class Application:
 
     def _asleep(self):
         # A thread that has begun has its descriptors and has named itself. An emulator has one
-        # thread of its own.
+        # thread of its own, and so has the thread sanitizer.
         names = [_read(task / "comm").strip() for task in self._tasks()]
         own = _read(self._process("comm")).strip()
-        return names.count(own) == (2 if own.startswith("qemu-") else 1) and all(
+        more = own.startswith("qemu-") or "/libtsan." in _read(self._process("maps"))
+        return names.count(own) == (2 if more else 1) and all(
             _read(task / "stat").rpartition(")")[2].split()[:1] == ["S"] for task in self._tasks())
 
     def _files(self):
@@ -228,6 +241,17 @@ class Application:
         children = " ".join(_read(task / "children") for task in self._tasks())
         return {"descriptors": len(self._files()), "threads": len(self._tasks()),
                 "children": len(children.split())}
+
+    def zombies(self):
+        """How many children have ended without anybody having waited for them."""
+        children = " ".join(_read(task / "children") for task in self._tasks()).split()
+        states = [_read(pathlib.Path("/proc", child, "stat")).rpartition(")")[2].split()[:1]
+                  for child in children]
+        return states.count(["Z"])
+
+    def resident(self):
+        """Its memory in use, in KiB."""
+        return int(re.search(r"^VmRSS:\s+(\d+) kB$", _read(self._process("status")), re.M)[1])
 
     def netlink_queue(self):
         """How many bytes wait in the watcher's socket; nothing before it is bound."""

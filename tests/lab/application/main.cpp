@@ -196,7 +196,10 @@ int main(int argc, char **argv)
     QCommandLineParser parser;
     const QCommandLineOption once("once", "Write each text of the log once only.");
     const QCommandLineOption emulated("emulated", "An emulator runs this; see stallmeter.h.");
-    parser.addOptions({ once, emulated });
+    const QCommandLineOption serial("serial",
+                                    "What runs this lets one thread run at a time, so that "
+                                    "a stall means nothing; it is not looked for.");
+    parser.addOptions({ once, emulated, serial });
     parser.process(application);
     eachTextOnce = parser.isSet(once);
     qInstallMessageHandler(logHandler);
@@ -214,8 +217,9 @@ int main(int argc, char **argv)
     });
     QTimer ready;
     ready.setSingleShot(true);
-    QObject::connect(&ready, &QTimer::timeout, [&application, isEmulated = parser.isSet(emulated)] {
-        new StallMeter(isEmulated, &application);
+    QObject::connect(&ready, &QTimer::timeout, [&] {
+        if (!parser.isSet(serial))
+            new StallMeter(parser.isSet(emulated), &application);
         writeLine("ready", QSysInfo::currentCpuArchitecture());
     });
     ready.start(0);

@@ -435,9 +435,10 @@ def activated_again_after_the_eleventh_attempt(lab):
     app = lab.application()
     app.start()
     app.expect_signal(success(NET2))
-    lines = app.log_lines(r"\[ tryConnectRemote \] (connect to host fail| cmd: )")
+    lines = app.log_lines(rf"\[ tryConnectRemote \] ({fails(NET1).strip()}| cmd: )")
     at = [index for index, text in enumerate(lines) if " cmd: " in text]
     check_equal((len(lines), at), (21, [11]), "lines of attempts, and places of the activation")
+    lab.check_failed(NET2, 0)
     commands = static_commands(lab.uuid, static(NET1))
     lab.check_commands([*commands, commands[1], *static_commands(lab.uuid, static(NET2))])
 
