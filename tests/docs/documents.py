@@ -25,8 +25,8 @@ ROOT = pathlib.Path(sys.argv[1]).resolve()
 TOPIC = sys.argv[2]
 DOCS = ROOT / "docs"
 PICTURES = DOCS / "pictures"
-# Drawn from measurements, by script/soak.
-MEASURED = ["soak.svg"]
+# Drawn from measurements, by script/bench and script/soak.
+MEASURED = ["bench-growth.svg", "bench-memory.svg", "bench-reactions.svg", "soak.svg"]
 LIBRARY = sources.Code(ROOT)
 
 
