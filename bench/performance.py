@@ -394,10 +394,12 @@ def machine():
     processors = os.cpu_count()
     kernel = pathlib.Path("/proc/sys/kernel/osrelease").read_text("ascii").split("-")[0]
     packages = subprocess.run(
-        ["dpkg-query", "-W", "-f", "${Package} ${Version}, ", "network-manager", "netplug",
+        ["dpkg-query", "-W", "-f", "${Package} ${Version}\\n", "network-manager", "netplug",
          "ifplugd", "keepalived", "haproxy", "iproute2", "udev", "libudev1", "libqt5core5a",
          "netcat-openbsd", "bash"],
-        stdout=subprocess.PIPE, text=True, check=True).stdout.rstrip(", ")
+        stdout=subprocess.PIPE, text=True, check=True).stdout
+    # One may be installed for several architectures.
+    packages = ", ".join(sorted(set(packages.splitlines())))
     return f"Measured on {processors} processors ({model}), Linux {kernel}; {packages}."
 
 
