@@ -103,12 +103,14 @@ public:
     QVector<unsigned long> sleeps;
     QStringList commands;
     bool shellWorks = true;
+    bool serversAnswer = true;
     std::function<void()> duringSleep = [] {};
 
 private:
     Interpose::Hooks hooks()
     {
         Interpose::Hooks hooks;
+        hooks.serversAnswer = &serversAnswer;
         hooks.msleep = [this](unsigned long milliseconds) {
             if (sleeps.size() == 100)
                 qFatal("the attempts do not end");
@@ -507,6 +509,7 @@ void ProbeTest::serverThatDoesNotAnswer_isNotWaitedForAfterTheSleep()
     QTcpSocket filler;
     QVERIFY(fillBacklog(&server, &filler));
     Probe probe;
+    probe.serversAnswer = false;
     QElapsedTimer timer;
     timer.start();
     QVERIFY(!probe.run(server, 2));
@@ -522,6 +525,7 @@ void ProbeTest::attemptsOnAServerThatDoesNotAnswer_leaveNoConnectionBehind()
     QTcpSocket filler;
     QVERIFY(fillBacklog(&server, &filler));
     Probe probe;
+    probe.serversAnswer = false;
     QVector<int> pending;
     probe.duringSleep = [&] { pending.append(pendingConnections(server)); };
     QVERIFY(!probe.run(server, 3));

@@ -15,6 +15,8 @@
 
 #include <dlfcn.h>
 #include <mutex>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <set>
 #include <type_traits>
@@ -54,6 +56,17 @@ bool isLibraryDescriptor(int fd)
 void comesBeforeForget()
 {
     const std::lock_guard<std::mutex> lock(guard);
+}
+
+// What this thread connects; Qt tells of it only when that is done.
+thread_local int connecting = -1;
+
+bool isIn(int tcpState)
+{
+    tcp_info info = {};
+    socklen_t size = sizeof info;
+    return getsockopt(connecting, IPPROTO_TCP, TCP_INFO, &info, &size) == 0
+            && info.tcpi_state == tcpState;
 }
 
 template<typename Function>
@@ -242,6 +255,12 @@ extern "C" ssize_t read(int fd, void *buffer, size_t length)
     return answer ? answer(fd, buffer, length) : Interpose::Real::read(fd, buffer, length);
 }
 
+extern "C" int connect(int fd, const sockaddr *address, socklen_t length)
+{
+    connecting = fd;
+    return real<int (*)(int, const sockaddr *, socklen_t)>("connect")(fd, address, length);
+}
+
 // Qt's functions.
 
 QString QSysInfo::currentCpuArchitecture()
@@ -275,10 +294,13 @@ bool QAbstractSocket::waitForConnected(int milliseconds)
 {
     if (const auto answer = hook(&Interpose::Hooks::waitForConnected))
         return answer();
-    pollfd connection = { int(socketDescriptor()), POLLOUT, 0 };
-    const bool isDecided = poll(&connection, 1, 0) == 1;
+    constexpr int patienceMs = 10000;
+    const bool *answers = hook(&Interpose::Hooks::serversAnswer);
+    pollfd connection = { connecting, POLLOUT, 0 };
+    if (isIn(TCP_SYN_SENT) && (!answers || *answers))
+        poll(&connection, 1, patienceMs);
     return real<bool (*)(QAbstractSocket *, int)>("_ZN15QAbstractSocket16waitForConnectedEi")(
-            this, isDecided ? 10000 : milliseconds);
+            this, isIn(TCP_ESTABLISHED) ? patienceMs : milliseconds);
 }
 
 bool QFile::exists(const QString &path)

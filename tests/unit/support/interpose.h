@@ -20,8 +20,9 @@ class QAbstractSocket;
  * The socket functions are intercepted for the library's own netlink descriptors only: those
  * returned by socket() for PF_NETLINK with a bare type (Qt and glibc add SOCK_CLOEXEC).
  *
- * Where the kernel knows already how a connection went, waitForConnected() finds that out however
- * long it takes: on a busy machine the library's millisecond may be over before anybody has looked.
+ * waitForConnected() is told how the connection went, however long the kernel takes to know: on a
+ * busy machine the library's millisecond may be over before that. Its sleep, which is for that, is
+ * left out in most tests.
  */
 namespace Interpose {
 
@@ -32,6 +33,9 @@ struct Hooks
     std::function<void(unsigned long)> msleep; // QThread::msleep
     std::function<void(unsigned long)> sleep; // QThread::sleep
     std::function<bool()> waitForConnected; // QAbstractSocket::waitForConnected
+    /** Null, or false where a server gives no answer: then only the library's own time is waited.
+     */
+    const bool *serversAnswer = nullptr;
     std::function<FILE *(const char *command, const char *mode)> popen;
     std::function<int(int domain, int type, int protocol)> socket;
     std::function<int(int fd, int level, int name, const void *value, socklen_t length)> setsockopt;
