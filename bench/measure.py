@@ -123,6 +123,8 @@ class Place:
         # Of two ends with the same number the kernel tells once a second only.
         run("ip", "link", "add", NEAR, "index", "100", "type", "veth", "peer", "name", FAR, "netns",
             str(self.far_side.pid))
+        # The far side's end alone would take it away some time later, in the way of the next cable.
+        self._stack.callback(run, "ip", "link", "delete", NEAR)
         run(*self.there("ip", "link", "set", FAR, "up"))
         run("ip", "address", "add", "198.51.100.2/24", "dev", NEAR)
         run("ip", "link", "set", NEAR, "up")

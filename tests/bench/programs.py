@@ -89,6 +89,12 @@ class Programs(unittest.TestCase):
             self.check_times(seen[program], 2)
             self.check_times(seen[f"{program}-instance"], 2)
 
+    def test_cables_areLaidOneAfterAnother(self):
+        for _ in range(20):
+            with measure.Place(BUILD) as place:
+                place.lay_cable()
+                self.assertEqual(place.link_state(), "up")
+
     def test_programThatNeverReacts_isAnError(self):
         self.place.lay_cable()
         self.place.start(["sleep", "infinity"])
