@@ -7,6 +7,7 @@
 //
 // Each change comes GAP_MS after the end of the one before.
 
+#include "arguments.h"
 #include "stamp.h"
 #include "uevent.h"
 
@@ -65,14 +66,15 @@ void changeSwitch(int count, long gapMs)
 
 int main(int argc, char **argv)
 {
-    if (argc == 5 && std::strcmp(argv[1], "link") == 0)
-        changeLink(argv[2], std::atoi(argv[3]), std::atol(argv[4]));
-    else if (argc == 4 && std::strcmp(argv[1], "uevent") == 0)
-        changeSwitch(std::atoi(argv[2]), std::atol(argv[3]));
-    else {
-        std::fputs("usage: change link INTERFACE COUNT GAP_MS | change uevent COUNT GAP_MS\n",
-                   stderr);
-        return EXIT_FAILURE;
-    }
+    const bool isOfLink = argc == 5 && std::strcmp(argv[1], "link") == 0;
+    const bool isOfSwitch = argc == 4 && std::strcmp(argv[1], "uevent") == 0;
+    const int count = isOfLink || isOfSwitch ? countOf(argv[argc - 2]) : 0;
+    const int gapMs = count ? countOf(argv[argc - 1]) : 0;
+    if (!gapMs)
+        endWithUsage("change link INTERFACE COUNT GAP_MS | change uevent COUNT GAP_MS");
+    if (isOfLink)
+        changeLink(argv[2], count, gapMs);
+    else
+        changeSwitch(count, gapMs);
     return EXIT_SUCCESS;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "flood.h"
 
+#include "arguments.h"
 #include "uevent.h"
 
 #include <cstdio>
@@ -73,10 +74,8 @@ double flood(const Receiver &receiver, int count)
 
 int floodCount(int argc, char **argv)
 {
-    const int count = argc == 2 ? std::atoi(argv[1]) : 0;
-    if (count < 1) {
-        std::fprintf(stderr, "usage: %s COUNT\n", argv[0]);
-        std::exit(EXIT_FAILURE);
-    }
+    const int count = argc == 2 ? countOf(argv[1]) : 0;
+    if (count < 1)
+        endWithUsage("flood_raw|flood_library|flood_libudev COUNT");
     return count;
 }

@@ -5,6 +5,7 @@
 //
 //   instructions FUNCTION       "instructions" alone lists them
 
+#include "arguments.h"
 #include "uevent.h"
 
 #include <caddresswatcher.h>
@@ -157,12 +158,14 @@ int main(int argc, char **argv)
         if (type == QtFatalMsg)
             std::fprintf(stderr, "%s\n", qPrintable(text));
     });
-    const auto found = argc == 2 ? functions.find(argv[1]) : functions.end();
-    if (found == functions.end()) {
+    if (argc == 1) {
         for (const auto &function : functions)
             std::printf("%s\n", function.first.c_str());
-        return argc == 1 ? EXIT_SUCCESS : EXIT_FAILURE;
+        return EXIT_SUCCESS;
     }
+    const auto found = argc == 2 ? functions.find(argv[1]) : functions.end();
+    if (found == functions.end())
+        endWithUsage("instructions [FUNCTION]");
     found->second();
     std::fprintf(stderr, "times: %d\n", times);
     // The watcher's thread runs until the process ends.

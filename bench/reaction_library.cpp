@@ -5,6 +5,7 @@
 //
 //   reaction_library links|uevents
 
+#include "arguments.h"
 #include "stamp.h"
 
 #include <hoplane.h>
@@ -49,7 +50,10 @@ QString QSysInfo::currentCpuArchitecture()
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    isOfLinks = argc > 1 && std::strcmp(argv[1], "links") == 0;
+    static const char usage[] = "reaction_library links|uevents";
+    isOfLinks = isOfLinksIn(argc, argv, usage);
+    if (argc > 2)
+        endWithUsage(usage);
     // The library prints and logs as always, but where nobody reads it.
     stamps = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
     const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);

@@ -7,6 +7,7 @@
 //
 // With two threads a second one is told by an eventfd, which it polls, as a Qt event loop does.
 
+#include "arguments.h"
 #include "stamp.h"
 #include "uevent.h"
 
@@ -81,13 +82,17 @@ void react(const char *state)
 
 int main(int argc, char **argv)
 {
-    const bool isOfLinks = argc > 1 && std::strcmp(argv[1], "links") == 0;
+    static const char usage[] = "reaction_raw links|uevents [--two-threads]";
+    const bool isOfLinks = isOfLinksIn(argc, argv, usage);
+    const bool hasTwoThreads = argc == 3 && std::strcmp(argv[2], "--two-threads") == 0;
+    if (argc > 2 && !hasTwoThreads)
+        endWithUsage(usage);
     const int fd = isOfLinks ? linkSocket() : ueventSocket();
     if (fd < 0) {
         std::perror("reaction_raw");
         return EXIT_FAILURE;
     }
-    if (argc > 2) {
+    if (hasTwoThreads) {
         told = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
         std::thread(beTold).detach();
     }

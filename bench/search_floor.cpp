@@ -5,6 +5,7 @@
 //
 //   search_floor SEARCHES ADDRESS PORT
 
+#include "arguments.h"
 #include "stamp.h"
 
 #include <arpa/inet.h>
@@ -32,12 +33,12 @@ std::string run(const std::string &command)
     return output.substr(0, output.find('\n'));
 }
 
-bool connects(const char *address, const char *port)
+bool connects(const char *address, uint16_t port)
 {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     sockaddr_in server = {};
     server.sin_family = AF_INET;
-    server.sin_port = htons(uint16_t(std::atoi(port)));
+    server.sin_port = htons(port);
     inet_pton(AF_INET, address, &server.sin_addr);
     (void)connect(fd, reinterpret_cast<const sockaddr *>(&server), sizeof server);
     const timespec half = { 0, 500000000 };
@@ -55,18 +56,18 @@ bool connects(const char *address, const char *port)
 
 int main(int argc, char **argv)
 {
-    if (argc != 4) {
-        std::fputs("usage: search_floor SEARCHES ADDRESS PORT\n", stderr);
-        return EXIT_FAILURE;
-    }
-    for (int left = std::atoi(argv[1]); left > 0; --left) {
+    const int count = argc == 4 ? countOf(argv[1]) : 0;
+    const int port = count ? countOf(argv[3]) : 0;
+    if (port == 0 || port > UINT16_MAX)
+        endWithUsage("search_floor SEARCHES ADDRESS PORT");
+    for (int left = count; left > 0; --left) {
         commandsNs = 0;
         const long long begin = nowNs();
         const std::string uuid = run("nmcli -g connection.uuid c s 'lan' ");
         run("nmcli connection modify uuid " + uuid
             + " ipv4.addresses 127.0.0.1/8   connection.autoconnect yes ipv4.method manual");
         run("nmcli connection up uuid " + uuid + " ");
-        if (!connects(argv[2], argv[3])) {
+        if (!connects(argv[2], uint16_t(port))) {
             std::perror("search_floor");
             return EXIT_FAILURE;
         }

@@ -10,6 +10,7 @@
 // gone down and up again, for each search in place of start(). --dead tells of failures to connect
 // to that server only.
 
+#include "arguments.h"
 #include "stamp.h"
 
 #include <hoplane.h>
@@ -158,17 +159,18 @@ int main(int argc, char **argv)
     const QCommandLineOption byLink("by-link", QString(), "interface");
     const QCommandLineOption deadServer("dead", QString(), "address");
     parser.addOptions({ noSleep, byLink, deadServer });
-    parser.process(app);
+    const bool isParsed = parser.parse(QCoreApplication::arguments());
     sleeps = !parser.isSet(noSleep);
     dead = parser.value(deadServer);
-    const int count = parser.positionalArguments().value(0).toInt();
+    const QStringList words = parser.positionalArguments();
+    const int count = isParsed && words.size() == 1 ? countOf(words[0].toLatin1()) : 0;
+    if (count < 1)
+        endWithUsage("search_library SEARCHES [--no-sleep] [--by-link INTERFACE] [--dead ADDRESS]");
     // What the library prints of links is no part of what is told here.
     stamps = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
     const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (count < 1 || stamps < 0 || dup2(nothing, STDOUT_FILENO) < 0) {
-        std::fputs("usage: search_library SEARCHES [--no-sleep] [--by-link INTERFACE] [--dead "
-                   "ADDRESS]\n",
-                   stderr);
+    if (stamps < 0 || dup2(nothing, STDOUT_FILENO) < 0) {
+        std::perror("search_library");
         return EXIT_FAILURE;
     }
     qInstallMessageHandler(noteFailure);

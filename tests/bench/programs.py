@@ -7,6 +7,7 @@
 
 import os
 import pathlib
+import subprocess
 import sys
 import unittest
 
@@ -100,6 +101,22 @@ class Programs(unittest.TestCase):
         self.place.start(["sleep", "infinity"])
         with self.assertRaisesRegex(measure.LaboratoryError, "nobody does not react"):
             measure.react(self.place, "nobody", "link", 2, 50, patience=3)
+
+    def test_wrongWords_areRefused(self):
+        for words in (["change"], ["change", "link", "lo", "some", "1"], ["change", "link", "lo"],
+                      ["change", "uevent", "1x", "1"], ["change", "uevent", "1", "0"],
+                      ["change", "uevents", "1", "1"], ["reaction_raw"], ["reaction_raw", "link"],
+                      ["reaction_raw", "links", "--threads"], ["reaction_library", "nothing"],
+                      ["reaction_library", "links", "more"], ["search_floor", "1", "127.0.0.1"],
+                      ["search_floor", "1", "127.0.0.1", "65536"], ["search_floor", "0", "::", "1"],
+                      ["search_library"], ["search_library", "-1"], ["search_library", "1", "2"],
+                      ["flood_raw"], ["flood_raw", ""], ["flood_library", "1000001"],
+                      ["flood_library", "1", "2"]):
+            with self.subTest(words):
+                done = subprocess.run(self.place.program(*words), stdin=subprocess.DEVNULL,
+                                      capture_output=True, text=True, check=False, timeout=30)
+                self.assertEqual((done.returncode, done.stdout), (64, ""), done.stderr)
+                self.assertRegex(done.stderr, rf"^usage: .*\b{words[0]}\b")
 
     # On ARM the library listens to the LAN switch instead.
     if not EMULATOR:
