@@ -245,7 +245,8 @@ def listen_to_uevents(place, program):
 
 
 OWN = {"library": ("reaction_library",), "raw": ("reaction_raw",),
-       "raw-two-threads": ("reaction_raw", "--two-threads")}
+       "raw-two-threads": ("reaction_raw", "--two-threads"),
+       "raw-event-loop": ("reaction_raw", "--event-loop")}
 
 
 def start_own(place, program, kind):
@@ -309,8 +310,8 @@ def react_to_uevents(place, program, count, gap_ms):
     return {program: react(place, program, "uevent", count, gap_ms)}
 
 
-@quantity(raw=100, raw_two_threads=100, library=100, ip_monitor=100, ip_monitor_read=100,
-          netplugd=100, keepalived=100, ifplugd=8, dispatcher=2)
+@quantity(raw=100, raw_two_threads=100, raw_event_loop=100, library=100, ip_monitor=100,
+          ip_monitor_read=100, netplugd=100, keepalived=100, ifplugd=8, dispatcher=2)
 def links(place, program, count):
     """From a cable's change to the reaction, each after a rest of 30 ms."""
     if program == "dispatcher":
@@ -319,19 +320,20 @@ def links(place, program, count):
     return react_to_links(place, program, count, 1200 if program == "ifplugd" else 30)
 
 
-@quantity(raw=200, raw_two_threads=200, library=200)
+@quantity(raw=200, raw_two_threads=200, raw_event_loop=200, library=200)
 def links_in_succession(place, program, count):
     """From a cable's change to the reaction, 2 ms apart."""
     return react_to_links(place, program, count, 2)
 
 
-@quantity(raw=100, raw_two_threads=100, library=100, udevadm=100, udevadm_read=100)
+@quantity(raw=100, raw_two_threads=100, raw_event_loop=100, library=100, udevadm=100,
+          udevadm_read=100)
 def uevents(place, program, count):
     """From a uevent of the LAN switch to the reaction, each after a rest of 30 ms."""
     return react_to_uevents(place, program, count, 30)
 
 
-@quantity(raw=200, raw_two_threads=200, library=200)
+@quantity(raw=200, raw_two_threads=200, raw_event_loop=200, library=200)
 def uevents_in_succession(place, program, count):
     """From a uevent of the LAN switch to the reaction, 2 ms apart."""
     return react_to_uevents(place, program, count, 2)

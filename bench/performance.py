@@ -41,7 +41,8 @@ class Quantity:
     once: typing.Tuple[str, ...] = ()  # programs that one or two rounds are enough for
 
 
-FLOORS = {"raw": "floor: raw read", "raw-two-threads": "floor: raw read, then a second thread"}
+FLOORS = {"raw": "floor: raw read", "raw-two-threads": "floor: raw read, then a second thread",
+          "raw-event-loop": "floor: raw read, then an event loop of Qt"}
 QUANTITIES = [
     Quantity("links", "A link's change, after a rest of 30 ms, to the worker's slot or a command",
              "ms", FLOORS | {

@@ -3,13 +3,17 @@
 // The floor of a reaction: reads the kernel's messages without more, and prints when each was
 // there.
 //
-//   reaction_raw links|uevents [--two-threads]
+//   reaction_raw links|uevents [--two-threads|--event-loop]
 //
 // With two threads a second one is told by an eventfd, which it polls, as a Qt event loop does.
+// With an event loop the second thread has one of Qt, and is told by an event.
 
 #include "arguments.h"
 #include "stamp.h"
 #include "uevent.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QThread>
 
 #include <atomic>
 #include <cstdlib>
@@ -58,10 +62,11 @@ const char *switchState(const char *data)
 
 void react(const char *state)
 {
-    if (told < 0) {
-        writeStamp(STDOUT_FILENO, nowNs(), state);
-        return;
-    }
+    writeStamp(STDOUT_FILENO, nowNs(), state);
+}
+
+void tellThread(const char *state)
+{
     news = state;
     if (eventfd_write(told, 1) != 0)
         std::exit(EXIT_FAILURE);
@@ -74,19 +79,35 @@ void react(const char *state)
         eventfd_t count = 0;
         if (poll(&waiting, 1, -1) != 1 || eventfd_read(told, &count) != 0)
             std::exit(EXIT_FAILURE);
-        writeStamp(STDOUT_FILENO, nowNs(), news);
+        react(news);
     }
+}
+
+void tellEventLoop(const char *state)
+{
+    static auto *const receiver = [] {
+        auto *thread = new QThread; // ends with the process
+        auto *object = new QObject;
+        object->moveToThread(thread);
+        thread->start();
+        return object;
+    }();
+    QMetaObject::invokeMethod(
+            receiver, [state] { react(state); }, Qt::QueuedConnection);
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    static const char usage[] = "reaction_raw links|uevents [--two-threads]";
+    static const char usage[] = "reaction_raw links|uevents [--two-threads|--event-loop]";
     const bool isOfLinks = isOfLinksIn(argc, argv, usage);
     const bool hasTwoThreads = argc == 3 && std::strcmp(argv[2], "--two-threads") == 0;
-    if (argc > 2 && !hasTwoThreads)
+    const bool hasEventLoop = argc == 3 && std::strcmp(argv[2], "--event-loop") == 0;
+    if (argc > 2 && !hasTwoThreads && !hasEventLoop)
         endWithUsage(usage);
+    const auto tell = hasTwoThreads ? tellThread : hasEventLoop ? tellEventLoop : react;
+    const QCoreApplication app(argc, argv);
     const int fd = isOfLinks ? linkSocket() : ueventSocket();
     if (fd < 0) {
         std::perror("reaction_raw");
@@ -103,6 +124,6 @@ int main(int argc, char **argv)
             continue;
         buffer[length] = '\0';
         if (const char *state = isOfLinks ? linkState(buffer) : switchState(buffer))
-            react(state);
+            tell(state);
     }
 }

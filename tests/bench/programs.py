@@ -55,6 +55,14 @@ class Programs(unittest.TestCase):
         seen = measure.react_to_uevents(self.place, "raw-two-threads", 4, 500)
         self.check_times(seen["raw-two-threads"], 4)
 
+    def test_rawReaderWithAnEventLoop_reactsToALink(self):
+        seen = measure.react_to_links(self.place, "raw-event-loop", 4, 500)
+        self.check_times(seen["raw-event-loop"], 2)
+
+    def test_rawReaderWithAnEventLoop_reactsToAUevent(self):
+        seen = measure.react_to_uevents(self.place, "raw-event-loop", 4, 500)
+        self.check_times(seen["raw-event-loop"], 4)
+
     def test_library_reactsToAUevent(self):
         self.check_times(measure.react_to_uevents(self.place, "library", 4, 500)["library"], 4)
 
