@@ -284,7 +284,7 @@ class Told(unittest.TestCase):
     def test_noPicture_lacksARow(self):
         samples = Samples(whole())
         rows = performance.reactions_data(samples)
-        self.assertEqual(sum(bool(row) for row in rows), 14)
+        self.assertEqual(sum(bool(row) for row in rows), 16)
         self.assertEqual([row[4] for row in rows if row].count(1), 2)
         self.assertEqual(performance.memory_data(samples)[:2], [
             ["the library, over the application", 300], ["application without it", 1000]])
