@@ -117,7 +117,8 @@ class Programs(unittest.TestCase):
                       ["reaction_raw", "links", "--threads"], ["reaction_library", "nothing"],
                       ["reaction_library", "links", "more"], ["search_floor", "1", "127.0.0.1"],
                       ["search_floor", "1", "127.0.0.1", "65536"], ["search_floor", "0", "::", "1"],
-                      ["search_library"], ["search_library", "-1"], ["search_library", "1", "2"],
+                      ["search_library"], ["search_library", "0"], ["search_library", "1", "2"],
+                      ["search_library", "1", "--none"], ["search_library", "1", "--dead"],
                       ["flood_raw"], ["flood_raw", ""], ["flood_library", "1000001"],
                       ["flood_library", "1", "2"]):
             with self.subTest(words):
