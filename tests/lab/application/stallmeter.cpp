@@ -8,6 +8,7 @@
 #include <QTimerEvent>
 
 #include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,21 +44,43 @@ StallMeter::StallMeter(bool emulated, QObject *parent)
     : QObject(parent)
     , m_emulated(emulated)
     , m_schedstat(open("/proc/self/schedstat", O_RDONLY | O_CLOEXEC))
-    , m_controlTick(nowNs())
-    , m_last(read())
 {
-    QThread::create([this] { keepTicking(); })->start();
+    cpu_set_t allowed;
+    if (sched_getaffinity(0, sizeof allowed, &allowed) != 0)
+        CPU_ZERO(&allowed);
+    for (int processor = 0; processor < CPU_SETSIZE; ++processor) {
+        if (CPU_ISSET(processor, &allowed))
+            m_controls.push_back(std::make_unique<Control>(processor));
+    }
+    m_last = read();
     startTimer(intervalMs, Qt::PreciseTimer);
 }
 
-void StallMeter::keepTicking()
+StallMeter::Control::Control(int processor)
+    : m_tick(nowNs())
 {
+    QThread::create([this, processor] { keepTicking(processor); })->start();
+}
+
+void StallMeter::Control::keepTicking(int processor)
+{
+    cpu_set_t own;
+    CPU_ZERO(&own);
+    CPU_SET(processor, &own);
+    // Where that is refused, it ticks on any of them.
+    sched_setaffinity(0, sizeof own, &own);
     for (;;) {
         QThread::msleep(controlIntervalMs);
         const qint64 now = nowNs();
-        m_controlLate += std::max<qint64>(0, now - m_controlTick - controlIntervalNs);
-        m_controlTick = now;
+        m_late += std::max<qint64>(0, now - m_tick - controlIntervalNs);
+        m_tick = now;
     }
+}
+
+qint64 StallMeter::Control::late(qint64 now) const
+{
+    // With what it is late by just now.
+    return m_late + std::max<qint64>(0, now - m_tick - controlIntervalNs);
 }
 
 StallMeter::Reading StallMeter::read() const
@@ -68,16 +91,17 @@ StallMeter::Reading StallMeter::read() const
     text.truncate(int(qMax<ssize_t>(0, pread(m_schedstat, text.data(), size_t(text.size()), 0))));
     reading.excused = text.split(' ').value(1).toLongLong() + (m_emulated ? processorNs() : 0);
     reading.tick = nowNs();
-    // With what the second thread is late by just now.
-    reading.late =
-            m_controlLate + std::max<qint64>(0, reading.tick - m_controlTick - controlIntervalNs);
+    for (const auto &control : m_controls)
+        reading.late.push_back(control->late(reading.tick));
     return reading;
 }
 
 void StallMeter::timerEvent(QTimerEvent *)
 {
     const Reading now = read();
-    const qint64 excused = std::max(now.excused - m_last.excused, now.late - m_last.late);
+    qint64 excused = now.excused - m_last.excused;
+    for (std::size_t i = 0; i < now.late.size(); ++i)
+        excused = std::max(excused, now.late[i] - m_last.late[i]);
     const qint64 stalled = now.tick - m_last.tick - intervalNs - excused;
     if (stalled > (m_emulated ? emulatedLimitMs : limitMs) * nanosecondsPerMs)
         writeLine("stall", QString::number(stalled / nanosecondsPerMs));
